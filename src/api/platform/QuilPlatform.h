@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QString>
+
+#include <ostream>
+#include <string>
+
+/// Names the calling OS thread, as top and gdb show it (at most 15 bytes).
+void quilSetThreadName(const QString& name);
+
+/// The text that names a function in entry log lines.
+std::string dbglog_scopedFunction(const std::string& function, const std::string& loggerName);
+
+/// Writes a QString to a standard stream as UTF-8.
+std::ostream& operator<<(std::ostream& stream, const QString& text);

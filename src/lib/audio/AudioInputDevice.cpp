@@ -1,0 +1,3 @@
+#include "AudioInputDevice.h"
+
+AudioInputDevice::~AudioInputDevice() = default;

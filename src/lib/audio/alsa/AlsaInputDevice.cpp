@@ -1,0 +1,235 @@
+#include "AlsaInputDevice.h"
+
+#include "AlsaPcmOpen_p.h"
+#include "AudioLog_p.h"
+#include "CleanupAction_p.h"
+#include "PcmFormat_p.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+QUIL_AUDIO_DEFINE_LOGGER();
+
+namespace {
+
+constexpr int DefaultReadFrames = 2048;
+
+// Period and buffer sizes are rate × ms / 1000. Callers keep the product below
+// 2^31; computing it in 64 bits gives the same frames there and keeps a caller
+// who does not from reaching signed overflow.
+snd_pcm_uframes_t framesForMs(int sampleRate, int ms)
+{
+    return static_cast<snd_pcm_uframes_t>(static_cast<qint64>(sampleRate) * ms / 1000);
+}
+
+const char* readErrorPrefix(snd_pcm_sframes_t error)
+{
+    switch (error) {
+    case -EBADFD:
+        return "AlsaInputDevice: error while reading: PCM is not in the right state (EBADFD: ";
+    case -EPIPE:
+        return "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: ";
+    case -ESTRPIPE:
+        return "AlsaInputDevice: error while reading: a suspend event occurred (ESTRPIPE: ";
+    default:
+        return "AlsaInputDevice: error while reading (";
+    }
+}
+
+} // namespace
+
+AlsaInputDevice::AlsaInputDevice(const QString& deviceName, int sampleRate,
+                                 unsigned int channelCount, _snd_pcm_format format,
+                                 int periodTimeMs, int bufferTimeMs)
+    : m_deviceName(deviceName)
+    , m_sampleRate(sampleRate)
+    , m_channelCount(channelCount)
+    , m_format(format)
+    , m_periodTimeMs(periodTimeMs)
+    , m_bufferTimeMs(bufferTimeMs)
+{
+}
+
+AlsaInputDevice::~AlsaInputDevice()
+{
+    AlsaInputDevice::close();
+}
+
+bool AlsaInputDevice::open()
+{
+    QUIL_TRACE_ENTRY();
+    if (m_pcm)
+        return true;
+
+    const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE);
+    if (openResult < 0) {
+        LOG4CPLUS_ERROR(logger, "Cannot open capture device '" << m_deviceName
+                                                               << "': " << snd_strerror(openResult));
+        return false;
+    }
+    LOG4CPLUS_TRACE(logger, "Capture device opened.");
+
+    snd_pcm_hw_params_t* params = nullptr;
+    quil::CleanupAction cleanup([this, &params] {
+        if (params)
+            snd_pcm_hw_params_free(params);
+        cleanupPcm(&m_pcm);
+    });
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_malloc(&params),
+                         "Cannot allocate hardware parameter structure: "))
+        return false;
+    LOG4CPLUS_TRACE(logger, "hw_params allocated");
+    if (!setHwParams(params))
+        return false;
+
+    snd_pcm_hw_params_free(params);
+    cleanup.dismiss();
+    return true;
+}
+
+bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
+{
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_any(m_pcm, params),
+                         "Cannot initialize hardware parameter structure: "))
+        return false;
+    LOG4CPLUS_TRACE(logger, "hw_params initialized");
+
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+                         "Cannot set access type: "))
+        return false;
+    LOG4CPLUS_TRACE(logger, "hw_params access set");
+
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_format(m_pcm, params, m_format),
+                         "Cannot set sample format: "))
+        return false;
+    LOG4CPLUS_TRACE(logger, "hw_params format set: " << static_cast<int>(m_format));
+
+    // Exact channel count and rate: the accessors must describe the delivered data.
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
+                         "Cannot set channel count: "))
+        return false;
+    unsigned int channels = 0;
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_get_channels(params, &channels),
+                         "Cannot get channel count: "))
+        return false;
+    if (channels != m_channelCount) {
+        LOG4CPLUS_ERROR(logger, "Could not set channel count to: " << m_channelCount);
+        return false;
+    }
+    LOG4CPLUS_TRACE(logger, "hw_params channels was set to: " << channels);
+
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_rate(m_pcm, params, m_sampleRate, 0),
+                         "Cannot set sample rate: "))
+        return false;
+    LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
+
+    snd_pcm_uframes_t periodFrames = framesForMs(m_sampleRate, m_periodTimeMs);
+    if (QUIL_ALSA_FAILED_PAREN(
+            snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
+            "Unable to set period size for playback: ("))
+        return false;
+    snd_pcm_uframes_t bufferFrames = framesForMs(m_sampleRate, m_bufferTimeMs);
+    if (QUIL_ALSA_FAILED_PAREN(snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
+                               "Unable to set buffer size for playback: ("))
+        return false;
+
+    if (QUIL_ALSA_FAILED(snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
+        return false;
+    LOG4CPLUS_TRACE(logger, "hw_params set");
+    return true;
+}
+
+void AlsaInputDevice::close()
+{
+    QUIL_TRACE_ENTRY();
+    cleanupPcm(&m_pcm);
+}
+
+bool AlsaInputDevice::isOpened()
+{
+    return m_pcm != nullptr;
+}
+
+bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
+{
+    if (!m_pcm)
+        return false;
+    if (frameCount <= 0)
+        frameCount = DefaultReadFrames;
+
+    const int frameBytes = bytesPerSample() * static_cast<int>(m_channelCount);
+    buffer->resize(frameCount * frameBytes);
+    snd_pcm_sframes_t frames = 0;
+    while (m_pcm) {
+        frames = snd_pcm_readi(m_pcm, buffer->data(), static_cast<snd_pcm_uframes_t>(frameCount));
+        if (frames > 0) {
+            buffer->resize(static_cast<int>(frames) * frameBytes);
+            return true;
+        }
+        if (frames == 0)
+            sleepAfterEmptyRead(frameCount);
+        else if (!recoverAfterReadError(frames))
+            return false;
+    }
+    LOG4CPLUS_ERROR(logger, "AlsaInputDevice: Cannot read data: " << snd_strerror(static_cast<int>(frames)));
+    cleanupPcm(&m_pcm);
+    return false;
+}
+
+// Every read error gets the same answer, prepare then start; only a failing
+// prepare gives up, closing the device so that the next open() starts afresh.
+bool AlsaInputDevice::recoverAfterReadError(snd_pcm_sframes_t error)
+{
+    const int code = static_cast<int>(error);
+    LOG4CPLUS_ERROR(logger, readErrorPrefix(error) << snd_strerror(code) << ") (" << code << ")");
+    const int prepared = snd_pcm_prepare(m_pcm);
+    if (prepared < 0) {
+        LOG4CPLUS_ERROR(logger, "AlsaInputDevice: Cannot prepare audio interface for use: "
+                                    << snd_strerror(prepared));
+        cleanupPcm(&m_pcm);
+        return false;
+    }
+    snd_pcm_start(m_pcm);
+    return true;
+}
+
+// A read that returned no frames backs off for a quarter of the block's
+// duration (the channel count is part of the product, which makes the pause
+// longer for wide streams), at least 1 ms, so that an idle stream never spins.
+void AlsaInputDevice::sleepAfterEmptyRead(int frameCount) const
+{
+    const unsigned int rate = static_cast<unsigned int>(m_sampleRate);
+    unsigned int sleepMs = 0;
+    if (rate != 0)
+        sleepMs = (m_channelCount * static_cast<unsigned int>(frameCount) * 1000u / rate) / 4u;
+    usleep((sleepMs == 0 ? 1u : sleepMs) * 1000u);
+}
+
+int AlsaInputDevice::sampleRate() const
+{
+    return m_sampleRate;
+}
+
+int AlsaInputDevice::bytesPerSample() const
+{
+    return quil::bytesPerSampleOf(m_format);
+}
+
+int AlsaInputDevice::channelCount() const
+{
+    return static_cast<int>(m_channelCount);
+}
+
+QString AlsaInputDevice::name() const
+{
+    return m_deviceName;
+}
+
+void AlsaInputDevice::cleanupPcm(snd_pcm_t** pcm)
+{
+    QUIL_TRACE_ENTRY();
+    if (*pcm) {
+        snd_pcm_close(*pcm);
+        *pcm = nullptr;
+    }
+}

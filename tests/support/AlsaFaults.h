@@ -1,0 +1,78 @@
+#pragma once
+
+// Fault injection for ALSA calls made by the library. The test executable
+// defines the ALSA functions itself (see the *Interposers.cpp files); each one
+// forwards to libasound unless a test armed a failure or installed a hook.
+
+#include <any>
+#include <map>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace quiltest {
+namespace faults {
+
+/// Makes `function` return `result` for `times` calls (-1: until reset), after
+/// letting `after` calls pass through.
+void arm(const std::string& function, long result, int times = 1, int after = 0);
+/// Clears every armed failure and hook, and the call counters.
+void reset();
+/// Calls of `function` since the last reset, failed ones included.
+int calls(const std::string& function);
+
+/// PCM and mixer handles opened through the library and not closed yet.
+int openPcmHandles();
+int openMixerHandles();
+
+// Interposer internals.
+bool takeFailure(const char* function, long* result);
+void* realSymbol(const char* function);
+void pcmOpened(void* handle);
+void pcmClosed(void* handle);
+void mixerOpened(void* handle);
+void mixerClosed(void* handle);
+
+std::mutex& hookMutex();
+std::map<std::string, std::any>& hooks();   // guarded by hookMutex()
+
+/// Replaces `function` by `hook` until reset(); the hook may call the real one
+/// through realSymbol().
+template <class Signature>
+void setHook(const std::string& function, std::function<Signature> hook)
+{
+    std::lock_guard<std::mutex> lock(hookMutex());
+    hooks()[function] = std::move(hook);
+}
+
+template <class Signature>
+std::function<Signature> hookFor(const char* function)
+{
+    std::lock_guard<std::mutex> lock(hookMutex());
+    auto it = hooks().find(function);
+    if (it == hooks().end())
+        return {};
+    return std::any_cast<std::function<Signature>>(it->second);
+}
+
+template <class Signature>
+Signature* real(const char* function)
+{
+    return reinterpret_cast<Signature*>(realSymbol(function));
+}
+
+} // namespace faults
+} // namespace quiltest
+
+// Defines an interposer: armed failure first, then a hook, else the real call.
+#define QUIL_INTERPOSE(Ret, name, Params, Args)                                                  \
+    extern "C" Ret name Params                                                                   \
+    {                                                                                            \
+        long armedResult = 0;                                                                    \
+        if (quiltest::faults::takeFailure(#name, &armedResult))                                  \
+            return (Ret)armedResult;                                                             \
+        if (auto hook = quiltest::faults::hookFor<Ret Params>(#name))                            \
+            return hook Args;                                                                    \
+        static auto* realFunction = quiltest::faults::real<Ret Params>(#name);                   \
+        return realFunction Args;                                                                \
+    }

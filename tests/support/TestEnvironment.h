@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace quiltest {
+
+/// Directory of this test run's generated data (under the build tree).
+QString dataDirectory();
+
+/// Writes `bytes` to `name` under dataDirectory() atomically and returns the path.
+QString writeDataFile(const QString& name, const QByteArray& bytes);
+
+/// Bytes whose every position differs from its neighbours, so that a lost,
+/// duplicated or shifted block shows in a comparison.
+QByteArray patternBytes(int size, int seed = 0);
+
+/// snd_strerror(code) as a QString, for building expected log lines.
+QString alsaText(int code);
+
+} // namespace quiltest
