@@ -44,8 +44,9 @@ public:
 
 private:
     QProcessEnvironment childEnvironment() const;
+    bool runPactl(const QStringList& args, QString* output, int timeoutMs);
     bool prepareDirectory(QString* error);
-    bool waitForLowLatency(qint64 deadline, QString* error);
+    bool waitForLowLatency(qint64 budgetMs, QString* error);
     bool fail(QString* error, const QString& why);
 
     std::unique_ptr<QTemporaryDir> m_dir;

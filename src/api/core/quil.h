@@ -1,0 +1,114 @@
+#pragma once
+
+// Core helpers shared by the library and its clients: a signal connection that
+// verifies what Qt would otherwise only warn about at run time, and a thread
+// host that builds an object inside a new, named thread.
+
+#include "QuilPlatform.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMetaMethod>
+#include <QMetaType>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <QThread>
+#include <QWaitCondition>
+
+#include <functional>
+#include <utility>
+
+/// True unless the connection crosses threads (queued, or automatic between
+/// objects of different threads) and the signal has a parameter type that Qt
+/// cannot queue: neither a pointer nor registered with QMetaType.
+template <class Signal>
+bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, const QObject* receiver,
+                                      Qt::ConnectionType type)
+{
+    const bool crossesThreads = type == Qt::QueuedConnection
+        || (type == Qt::AutoConnection && sender->thread() != receiver->thread());
+    if (!crossesThreads)
+        return true;
+    const QList<QByteArray> typeNames = QMetaMethod::fromSignal(signal).parameterTypes();
+    for (const QByteArray& typeName : typeNames) {
+        if (!typeName.endsWith('*') && QMetaType::type(typeName.constData()) == QMetaType::UnknownType)
+            return false;
+    }
+    return true;
+}
+
+/// QObject::connect that asserts, in every build type, that a cross-thread
+/// signal can be queued and that the connection was made.
+template <class Sender, class Signal, class Receiver, class Slot>
+QMetaObject::Connection quilConnect(const Sender* sender, Signal signal, const Receiver* receiver,
+                                    Slot slot, Qt::ConnectionType type = Qt::AutoConnection)
+{
+    Q_ASSERT(verifyConnectionSignalParameters(sender, signal, receiver, type));
+    QMetaObject::Connection connection = QObject::connect(sender, signal, receiver, slot, type);
+    Q_ASSERT(connection);
+    return connection;
+}
+
+template <class T, class... Args>
+class NewQThread;
+
+template <class T, class... Args>
+T* createInNewQThread(const QString& threadName, Args&&... args);
+
+/// A thread whose run() first names itself and constructs a T from copies of
+/// the given arguments (so the object belongs to the new thread), then runs
+/// the event loop until told to quit. It never deletes the T.
+template <class T, class... Args>
+class NewQThread : public QThread
+{
+public:
+    NewQThread(const QString& threadName, Args... args)
+        : QThread(nullptr)
+    {
+        m_creator = [this, threadName, args...]() mutable {
+            quilSetThreadName(threadName);
+            m_object = new T(args...);
+        };
+    }
+    ~NewQThread() override = default;
+
+protected:
+    void run() override
+    {
+        m_creationMutex.lock();
+        m_creator();
+        m_objectCreated.wakeAll();
+        m_creationMutex.unlock();
+        exec();
+    }
+
+private:
+    template <class U, class... A>
+    friend U* createInNewQThread(const QString& threadName, A&&... args);
+
+    T* m_object = nullptr;
+    QWaitCondition m_objectCreated;
+    QMutex m_creationMutex;
+    std::function<void()> m_creator;
+};
+
+/// Starts a thread named threadName, constructs a T from args inside it and
+/// returns the T once it exists. The thread object deletes itself when the
+/// thread finishes (through the creating thread's event loop); the caller
+/// becomes responsible for the T, which lives in the new thread.
+template <class T, class... Args>
+T* createInNewQThread(const QString& threadName, Args&&... args)
+{
+    auto* thread = new NewQThread<T, Args...>(threadName, std::forward<Args>(args)...);
+    quilConnect(thread, &QThread::finished, thread, &QObject::deleteLater, Qt::AutoConnection);
+    // run() holds the mutex from before construction until after the wake-up,
+    // and we hold it from before start(), so the wake-up cannot be missed.
+    thread->m_creationMutex.lock();
+    thread->start(QThread::InheritPriority);
+    while (!thread->m_object)
+        thread->m_objectCreated.wait(&thread->m_creationMutex);
+    T* object = thread->m_object;
+    thread->m_creationMutex.unlock();
+    return object;
+}
