@@ -59,22 +59,27 @@ const auto* const silencePrimer = ::testing::AddGlobalTestEnvironment(new Silenc
 const QString StartLine = QStringLiteral("Starting Audio Data Provider, read size: 480, buffer duration: 19200");
 const QString ClosingLine = QStringLiteral("Data provider thread finished on demand, closing transfers");
 
-// Takes sleepUs over every record of the given level, in the logging thread.
-class SlowAppender
+// Runs a function, in the logging thread, for every "AudioLib" record of one
+// level while it exists: a stand-in for a slow or blocking log appender.
+class LogHook
 {
 public:
-    SlowAppender(log4cplus::LogLevel level, int sleepUs)
-        : m_appender(new Appender(level, sleepUs))
+    LogHook(log4cplus::LogLevel level, std::function<void()> hook)
+        : m_appender(new Appender(level, std::move(hook)))
     {
         log4cplus::Logger::getInstance("AudioLib").addAppender(m_appender);
     }
-    ~SlowAppender() { log4cplus::Logger::getInstance("AudioLib").removeAppender(m_appender); }
+    ~LogHook() { log4cplus::Logger::getInstance("AudioLib").removeAppender(m_appender); }
 
 private:
     class Appender : public log4cplus::Appender
     {
     public:
-        Appender(log4cplus::LogLevel level, int sleepUs) : m_level(level), m_sleepUs(sleepUs) {}
+        Appender(log4cplus::LogLevel level, std::function<void()> hook)
+            : m_level(level)
+            , m_hook(std::move(hook))
+        {
+        }
         ~Appender() override { destructorImpl(); }
         void close() override {}
 
@@ -82,12 +87,12 @@ private:
         void append(const log4cplus::spi::InternalLoggingEvent& event) override
         {
             if (event.getLogLevel() == m_level)
-                QThread::usleep(static_cast<unsigned long>(m_sleepUs));
+                m_hook();
         }
 
     private:
         const log4cplus::LogLevel m_level;
-        const int m_sleepUs;
+        const std::function<void()> m_hook;
     };
     log4cplus::SharedAppenderPtr m_appender;
 };
@@ -269,7 +274,7 @@ TEST_F(ProviderTest, MutedCaptureDeliversAndRingsOnlyTheSilenceBlock)
 TEST_F(ProviderTest, TimeShiftedFeedsRequestedDuringFastCaptureAreGapless)
 {
     constexpr int RingBytes = 50 * 192;
-    SlowAppender slowWarnings(WARN_LOG_LEVEL, 1000);
+    LogHook slowWarnings(WARN_LOG_LEVEL, [] { QThread::usleep(1000); });
     ScriptedInputDevice device;
     AudioInputDataProvider provider(&device, 50, 64);
     provider.start();
@@ -298,6 +303,42 @@ TEST_F(ProviderTest, TimeShiftedFeedsRequestedDuringFastCaptureAreGapless)
     auto other = std::async(std::launch::async, requestFeeds, 3);
     const QStringList defects = requestFeeds(0) + other.get();
     EXPECT_TRUE(defects.isEmpty()) << defects.join('\n').toStdString();
+}
+
+// A block captured while a feed's prefill is still on its way is kept back
+// for it; if capture stops right after, the closing step hands it over before
+// finishing the feed. The requesting thread is held in its warning (a blocking
+// log appender) so that exactly one block falls into that window.
+TEST_F(ProviderTest, BlockKeptBackDuringThePrefillStillArrivesWhenCaptureStops)
+{
+    ScriptedInputDevice device;
+    device.closeGate();
+    AudioInputDataProvider provider(&device, 100, 480);
+    std::promise<void> requestWarned, warningDone, blockAtLive, liveDone;
+    std::shared_future<void> warningMayEnd = warningDone.get_future().share();
+    std::shared_future<void> liveMayEnd = liveDone.get_future().share();
+    LogHook blockingWarnings(WARN_LOG_LEVEL, [&] {
+        requestWarned.set_value();
+        warningMayEnd.wait();
+    });
+    CMUnbufferedDataTransfer live = provider.liveFeed();
+    live.onDataAvailable([&](const QByteArray&) {
+        blockAtLive.set_value();
+        liveMayEnd.wait();
+    });
+    provider.start();
+
+    auto request = std::async(std::launch::async, [&] { return provider.liveFeedWithOffset(150); });
+    requestWarned.get_future().wait();   // registered, prefill not handed over yet
+    device.permit(1);
+    blockAtLive.get_future().wait();     // the block went past the held feed
+    warningDone.set_value();             // (logging waits for the hook to return)
+    CMBufferedDataTransfer feed = request.get();   // prefill handed over, feed released
+    provider.stop();
+    liveDone.set_value();
+    ASSERT_TRUE(waitUntil([&] { return feed.isFinished(); }));
+    EXPECT_TRUE(feed.readAll() == QByteArray(19200, '\0') + device.frames(1, 480));
+    device.openGate();
 }
 
 // The worker built the way the provider builds it, with its event loop held so
@@ -500,7 +541,7 @@ TEST_F(ProviderTest, AlsaCaptureReachesEveryFeedComplete)
     EXPECT_TRUE(early.bytes() == QByteArray(19200, '\0') + data);
     EXPECT_EQ(late.blocks().value(0).size(), 48000);
     EXPECT_TRUE(late.bytes() == data.mid(ParkAfter * BlockBytes - 48000));
-    EXPECT_FALSE(device.isOpened());
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).isEmpty());
     provider.reset();
+    EXPECT_FALSE(device.isOpened());
 }

@@ -138,16 +138,19 @@ FeedRecorder::FeedRecorder(CMDataTransfer transfer, const QString& label, std::s
 
 QByteArray FeedRecorder::bytes() const
 {
+    std::lock_guard<std::mutex> lock(m_state->mutex);
     QByteArray all;
-    for (const QByteArray& block : blocks())
+    for (const QByteArray& block : qAsConst(m_state->blocks))
         all += block;
     return all;
 }
 
+// A list of its own rather than a shared copy: the handler keeps appending to
+// the recorded one in another thread.
 QList<QByteArray> FeedRecorder::blocks() const
 {
     std::lock_guard<std::mutex> lock(m_state->mutex);
-    return m_state->blocks;
+    return QList<QByteArray>(m_state->blocks.cbegin(), m_state->blocks.cend());
 }
 
 int FeedRecorder::blockCount() const
@@ -165,7 +168,7 @@ bool FeedRecorder::isFinished() const
 QStringList ArrivalLog::labels() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_labels;
+    return QStringList(m_labels.cbegin(), m_labels.cend());
 }
 
 void ArrivalLog::append(const QString& label)

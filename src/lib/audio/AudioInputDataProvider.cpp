@@ -2,6 +2,7 @@
 
 #include "AudioInputDataProviderThread.h"
 #include "AudioLog_p.h"
+#include "Synchronization_p.h"
 #include "quil.h"
 
 QUIL_AUDIO_DEFINE_LOGGER();
@@ -23,6 +24,7 @@ AudioInputDataProvider::~AudioInputDataProvider()
 {
     QThread* thread = m_thread->thread();
     m_thread->stop();
+    quil::publishHandOff(m_thread);
     m_thread->deleteLater();
     thread->quit();
     thread->wait();

@@ -1,11 +1,11 @@
 #include "AudioInputDataProviderThread.h"
 
 #include "AudioLog_p.h"
+#include "Synchronization_p.h"
 #include "PcmRing_p.h"
 
 #include <QCoreApplication>
 #include <QEvent>
-#include <QMutexLocker>
 #include <QTimer>
 
 QUIL_AUDIO_DEFINE_LOGGER();
@@ -72,9 +72,10 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
 // are detached from this object (see WorkerLink).
 AudioInputDataProviderThread::~AudioInputDataProviderThread()
 {
+    quil::acceptHandOff(this);   // published by the provider before deleteLater()
     m_running = false;
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
-    QMutexLocker locker(&m_link->mutex);
+    quil::MutexLocker locker(&m_link->mutex);
     m_link->worker = nullptr;
 }
 
@@ -82,7 +83,11 @@ void AudioInputDataProviderThread::start()
 {
     QUIL_TRACE_ENTRY();
     m_running = true;
-    QTimer::singleShot(0, this, &AudioInputDataProviderThread::on_dataProvider_started);
+    quil::publishHandOff(this);
+    // Queued by name: the posted call then carries no object of this file
+    // that the worker thread would read, which keeps the hand-over visible to
+    // the thread sanitizer (see Synchronization_p.h).
+    QTimer::singleShot(0, this, SLOT(on_dataProvider_started()));
 }
 
 void AudioInputDataProviderThread::stop()
@@ -93,13 +98,13 @@ void AudioInputDataProviderThread::stop()
 
 void AudioInputDataProviderThread::setMuteState(bool muted)
 {
-    QMutexLocker locker(&m_mutex);
+    quil::MutexLocker locker(&m_mutex);
     m_muted = muted;
 }
 
 bool AudioInputDataProviderThread::isMuted() const
 {
-    QMutexLocker locker(&m_mutex);
+    quil::MutexLocker locker(&m_mutex);
     return m_muted;
 }
 
@@ -115,21 +120,20 @@ CMUnbufferedDataTransfer AudioInputDataProviderThread::liveFeed() const
 
 // The prefill must reach the feed before any block captured after it, and no
 // transfer may be called under m_mutex (its finish callback takes the lock).
-// So a feed with a prefill is registered as "held": the capture loop queues
-// its blocks in m_heldBlocks instead of delivering them, while this thread
-// hands over the prefill and then whatever was queued meanwhile, until the
-// queue is found empty under the lock; only then does the feed receive
-// blocks from the capture loop directly. The ring copy and the registration
-// happen under one lock, so every block is either in the prefill or queued
-// or delivered live, exactly once. A feed finished meanwhile leaves both
-// tables through its callback, which ends the hand-over.
+// So a feed with a prefill is registered as held, under the same lock as the
+// ring is copied: the capture loop keeps back the blocks it captures for a
+// held feed, while this thread hands over the prefill. Once it has, it marks
+// the feed released, and the capture loop delivers the kept blocks before
+// its next block (or before finishing the feed on stop). Every block is thus
+// in the prefill, kept back, or delivered directly, exactly once and in order;
+// and the requesting thread's work stays one call, however fast capture runs.
 CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offsetMs)
 {
     CMBufferedDataTransfer transfer;
     const unsigned int key = qHash(transfer);
     const QSharedPointer<quil::WorkerLink> link = m_link;
     transfer.onFinished([link, key](const CMError&) {
-        QMutexLocker locker(&link->mutex);
+        quil::MutexLocker locker(&link->mutex);
         if (link->worker)
             link->worker->forgetFeed(key);
     });
@@ -138,12 +142,12 @@ CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offs
     QByteArray prefill;
     int ringBytes = 0;
     {
-        QMutexLocker locker(&m_mutex);
+        quil::MutexLocker locker(&m_mutex);
         m_transfers.insert(key, transfer);
         ringBytes = m_ringBuffer.size();
         prefill = quil::newestBytesOfRing(m_ringBuffer, offset);
         if (!prefill.isEmpty())
-            m_heldBlocks.insert(key, {});
+            m_heldFeeds.insert(key, HeldFeed{transfer, {}, false});
     }
     if (offset > ringBytes) {
         LOG4CPLUS_WARN(logger, "Requested offset '" << offset << "' calculated from offsetMs '" << offsetMs
@@ -152,36 +156,24 @@ CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offs
     }
     if (!prefill.isEmpty()) {
         transfer.dataAvailable(prefill);
-        handOverHeldBlocks(key, transfer);
+        releaseHeldFeed(key);
     }
     return transfer;
 }
 
-void AudioInputDataProviderThread::handOverHeldBlocks(unsigned int key, CMBufferedDataTransfer& transfer)
+void AudioInputDataProviderThread::releaseHeldFeed(unsigned int key)
 {
-    for (;;) {
-        QList<QByteArray> held;
-        {
-            QMutexLocker locker(&m_mutex);
-            const auto it = m_heldBlocks.find(key);
-            if (it == m_heldBlocks.end())
-                return;
-            if (it->isEmpty()) {
-                m_heldBlocks.erase(it);
-                return;
-            }
-            held.swap(*it);
-        }
-        for (const QByteArray& block : qAsConst(held))
-            transfer.dataAvailable(block);
-    }
+    quil::MutexLocker locker(&m_mutex);
+    const auto held = m_heldFeeds.find(key);
+    if (held != m_heldFeeds.end())   // else finished meanwhile
+        held->prefillDelivered = true;
 }
 
 void AudioInputDataProviderThread::forgetFeed(unsigned int key)
 {
-    QMutexLocker locker(&m_mutex);
+    quil::MutexLocker locker(&m_mutex);
     m_transfers.remove(key);
-    m_heldBlocks.remove(key);
+    m_heldFeeds.remove(key);
 }
 
 int AudioInputDataProviderThread::frameCountToByteCount(int frames) const
@@ -201,12 +193,13 @@ int AudioInputDataProviderThread::msToByteCount(int ms) const
 
 int AudioInputDataProviderThread::ringSize() const
 {
-    QMutexLocker locker(&m_mutex);
+    quil::MutexLocker locker(&m_mutex);
     return m_ringBuffer.size();
 }
 
 void AudioInputDataProviderThread::on_dataProvider_started()
 {
+    quil::acceptHandOff(this);   // published by start()
     LOG4CPLUS_TRACE(logger, "Starting Audio Data Provider, read size: " << m_readSizeFrames
                                                                         << ", buffer duration: " << ringSize());
     if (m_running) {
@@ -229,8 +222,7 @@ bool AudioInputDataProviderThread::captureWhileRunning()
         if (!m_device->read(&block, static_cast<int>(m_readSizeFrames))) {
             LOG4CPLUS_ERROR(logger, "Error while reading the input device, restarting provider in "
                                         << RestartDelayMs << " ms");
-            QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this,
-                               &AudioInputDataProviderThread::on_dataProvider_started);
+            QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this, SLOT(on_dataProvider_started()));
             return false;
         }
         distribute(block);
@@ -242,44 +234,75 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
 {
     const QByteArray& silence = silenceBlock(captured.size());
     QByteArray block;
+    QList<HeldFeed> released;
     QList<CMBufferedDataTransfer> recipients;
     {
-        QMutexLocker locker(&m_mutex);
+        quil::MutexLocker locker(&m_mutex);
         block = m_muted ? silence : captured;
         quil::shiftIntoRing(&m_ringBuffer, block);
+        released = takeReleasedFeeds();
         recipients = recipientsOf(block);
     }
+    deliverBacklogs(&released);
     for (CMBufferedDataTransfer& feed : recipients)
         feed.dataAvailable(block);
     m_liveFeed.dataAvailable(block);
 }
 
-// The registered feeds that get the block now; feeds whose prefill is still
-// being handed over get it queued instead. m_mutex must be held.
+// The registered feeds that get the block now; held feeds keep it back
+// instead. m_mutex must be held.
 QList<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
 {
-    if (m_heldBlocks.isEmpty())
+    if (m_heldFeeds.isEmpty())
         return m_transfers.values();
     QList<CMBufferedDataTransfer> recipients;
     for (auto it = m_transfers.cbegin(); it != m_transfers.cend(); ++it) {
-        const auto held = m_heldBlocks.find(it.key());
-        if (held != m_heldBlocks.end())
-            held->append(block);
+        const auto held = m_heldFeeds.find(it.key());
+        if (held != m_heldFeeds.end())
+            held->backlog.append(block);
         else
             recipients.append(it.value());
     }
     return recipients;
 }
 
-// Each feed leaves the registry through its own finish callback.
+// Removes the held feeds whose prefill has been handed over, with the blocks
+// kept back for them. m_mutex must be held.
+QList<AudioInputDataProviderThread::HeldFeed> AudioInputDataProviderThread::takeReleasedFeeds()
+{
+    QList<HeldFeed> released;
+    for (auto it = m_heldFeeds.begin(); it != m_heldFeeds.end();) {
+        if (it->prefillDelivered) {
+            released.append(*it);
+            it = m_heldFeeds.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return released;
+}
+
+void AudioInputDataProviderThread::deliverBacklogs(QList<HeldFeed>* feeds)
+{
+    for (HeldFeed& feed : *feeds) {
+        for (const QByteArray& block : qAsConst(feed.backlog))
+            feed.transfer.dataAvailable(block);
+    }
+}
+
+// Each feed leaves the registry through its own finish callback. Blocks kept
+// back for a released feed reach it first, so that a stop loses none.
 void AudioInputDataProviderThread::finishTransfersAndClose()
 {
     LOG4CPLUS_TRACE(logger, "Data provider thread finished on demand, closing transfers");
+    QList<HeldFeed> released;
     QList<CMBufferedDataTransfer> feeds;
     {
-        QMutexLocker locker(&m_mutex);
+        quil::MutexLocker locker(&m_mutex);
+        released = takeReleasedFeeds();
         feeds = m_transfers.values();
     }
+    deliverBacklogs(&released);
     for (CMBufferedDataTransfer& feed : feeds)
         feed.finish(CMError());
     m_liveFeed.finish(CMError());

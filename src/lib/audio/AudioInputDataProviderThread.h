@@ -67,11 +67,22 @@ private slots:
     void on_dataProvider_started();
 
 private:
+    // A time-shifted feed whose prefill is being handed over by the thread that
+    // requested it: the capture loop keeps its blocks back until then.
+    struct HeldFeed
+    {
+        CMBufferedDataTransfer transfer;
+        QList<QByteArray> backlog;
+        bool prefillDelivered = false;
+    };
+
     bool captureWhileRunning();
     void distribute(const QByteArray& captured);
     QList<CMBufferedDataTransfer> recipientsOf(const QByteArray& block);
+    QList<HeldFeed> takeReleasedFeeds();
+    static void deliverBacklogs(QList<HeldFeed>* feeds);
     void finishTransfersAndClose();
-    void handOverHeldBlocks(unsigned int key, CMBufferedDataTransfer& transfer);
+    void releaseHeldFeed(unsigned int key);
     void forgetFeed(unsigned int key);
     int ringSize() const;
 
@@ -83,7 +94,6 @@ private:
     CMUnbufferedDataTransfer m_liveFeed;
     QByteArray m_ringBuffer;
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
-    // Blocks captured for feeds whose prefill is still being handed over, by key.
-    QHash<unsigned int, QList<QByteArray>> m_heldBlocks;
+    QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;
 };

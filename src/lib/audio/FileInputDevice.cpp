@@ -1,9 +1,8 @@
 #include "FileInputDevice.h"
 
 #include "AudioLog_p.h"
+#include "Synchronization_p.h"
 #include "PcmFormat_p.h"
-
-#include <QMutexLocker>
 
 #include <unistd.h>
 
@@ -55,7 +54,7 @@ qint64 FileInputDevice::readFileInto(QByteArray* buffer)
 {
     const qint64 blockBytes = buffer->size();
     qint64 remaining = blockBytes;
-    QMutexLocker locker(&m_mutex);
+    quil::MutexLocker locker(&m_mutex);
     while (remaining >= 1) {
         if (!m_file.isOpen())
             return 0;   // no file: the zero block counts as delivered in full
@@ -115,7 +114,7 @@ QString FileInputDevice::name() const
 bool FileInputDevice::playFile(const QString& path)
 {
     LOG4CPLUS_INFO(logger, "Playing file: " << path);
-    QMutexLocker locker(&m_mutex);
+    quil::MutexLocker locker(&m_mutex);
     m_file.close();
     m_file.setFileName(path);
     const bool opened = m_file.open(QIODevice::ReadOnly);

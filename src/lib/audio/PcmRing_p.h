@@ -19,15 +19,15 @@ inline void shiftIntoRing(QByteArray* ring, const QByteArray& block)
     ring->append(block);
 }
 
-// The newest `count` bytes: the whole ring when it holds fewer, nothing for a
-// count of 0 or below.
+// A copy of the newest `count` bytes: the whole ring when it holds fewer,
+// nothing for a count of 0 or below. Always a copy, never a shared reference:
+// the capture loop goes on changing the ring while another thread reads this.
 inline QByteArray newestBytesOfRing(const QByteArray& ring, int count)
 {
     if (count <= 0)
         return QByteArray();
-    if (count >= ring.size())
-        return ring;
-    return ring.mid(ring.size() - count);
+    const int bytes = qMin(count, ring.size());
+    return QByteArray(ring.constData() + ring.size() - bytes, bytes);
 }
 
 } // namespace quil
