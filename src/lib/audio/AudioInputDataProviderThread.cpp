@@ -1,8 +1,8 @@
 #include "AudioInputDataProviderThread.h"
 
 #include "AudioLog_p.h"
-#include "Synchronization_p.h"
 #include "PcmRing_p.h"
+#include "Synchronization_p.h"
 
 #include <QCoreApplication>
 #include <QEvent>
@@ -84,9 +84,10 @@ void AudioInputDataProviderThread::start()
     QUIL_TRACE_ENTRY();
     m_running = true;
     quil::publishHandOff(this);
-    // Queued by name: the posted call then carries no object of this file
-    // that the worker thread would read, which keeps the hand-over visible to
-    // the thread sanitizer (see Synchronization_p.h).
+    // Queued by name, not by member pointer: the pointer form would allocate
+    // here, after the hand-over point, a slot object that the worker thread
+    // reads in code compiled into this library, which the thread sanitizer
+    // cannot tell apart from a race (see Synchronization_p.h).
     QTimer::singleShot(0, this, SLOT(on_dataProvider_started()));
 }
 
