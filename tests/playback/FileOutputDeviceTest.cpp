@@ -4,21 +4,9 @@
 
 #include "TestEnvironment.h"
 
-#include <QFile>
-
 #include <gtest/gtest.h>
 
 using namespace quiltest;
-
-namespace {
-
-QByteArray contentOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
-}
-
-} // namespace
 
 TEST(FileOutputDeviceTest, WritesRawBlocksAndStartsEmptyOnEveryReopen)
 {
@@ -26,10 +14,10 @@ TEST(FileOutputDeviceTest, WritesRawBlocksAndStartsEmptyOnEveryReopen)
     FileOutputDevice device(path, 44100, 2, SND_PCM_FORMAT_S24_3LE);
     EXPECT_EQ(device.framesReady(), 4096);
     EXPECT_EQ(device.write("dropped while closed"), AudioOutputDevice::Written);
-    EXPECT_EQ(contentOf(path), QByteArray("stale content"));
+    EXPECT_EQ(fileContent(path), QByteArray("stale content"));
 
     ASSERT_TRUE(device.open());
-    EXPECT_EQ(contentOf(path), QByteArray());   // truncated
+    EXPECT_EQ(fileContent(path), QByteArray());   // truncated
     const QByteArray first = patternBytes(6 * 100 + 5, 1);   // a trailing partial frame too
     EXPECT_EQ(device.write(first), AudioOutputDevice::Written);
     EXPECT_EQ(device.write(QByteArray()), AudioOutputDevice::Written);
@@ -40,13 +28,13 @@ TEST(FileOutputDeviceTest, WritesRawBlocksAndStartsEmptyOnEveryReopen)
     device.close(AudioOutputDevice::Drain);
     EXPECT_FALSE(device.isOpened());
     EXPECT_EQ(device.framesReady(), 4096);
-    EXPECT_TRUE(contentOf(path) == first + second);
+    EXPECT_TRUE(fileContent(path) == first + second);
 
     ASSERT_TRUE(device.open());
     EXPECT_TRUE(device.isOpened());
     device.close(AudioOutputDevice::Immediate);
     device.close(AudioOutputDevice::Immediate);
-    EXPECT_EQ(contentOf(path), QByteArray());
+    EXPECT_EQ(fileContent(path), QByteArray());
 }
 
 TEST(FileOutputDeviceTest, ReportsItsConstructionValuesAndAFixedName)
