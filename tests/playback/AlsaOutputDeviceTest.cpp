@@ -96,10 +96,8 @@ TEST_F(AlsaOutputDeviceTest, PeriodBufferAndThresholdFollowTheLastSetterOfEachPa
         EXPECT_EQ(faults::calls("snd_pcm_hw_params_set_period_size_near"), c.period ? 1 : 0);
         EXPECT_EQ(faults::calls("snd_pcm_hw_params_set_buffer_size_near"), c.buffer ? 1 : 0);
         EXPECT_EQ(faults::calls("snd_pcm_sw_params_set_start_threshold"), c.threshold ? 1 : 0);
-        if (c.period)
-            EXPECT_EQ(device.periodSize(), c.period);
-        if (c.buffer)
-            EXPECT_EQ(device.bufferSize(), c.buffer);
+        EXPECT_EQ(device.periodSize(), c.period ? c.period : device.periodSize());
+        EXPECT_EQ(device.bufferSize(), c.buffer ? c.buffer : device.bufferSize());
         EXPECT_EQ(device.startThreshold(), c.threshold ? c.threshold : 1);   // null's default is 1
         EXPECT_GT(device.periodSize(), 0u);
         EXPECT_GE(device.bufferSize(), device.periodSize());

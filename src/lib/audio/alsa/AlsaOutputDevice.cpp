@@ -277,11 +277,17 @@ bool AlsaOutputDevice::applyTimestamps(snd_pcm_sw_params_t* params)
 
 AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
 {
+    // Never opened, closed, or closed by a failed write: ALSA must not see a
+    // null handle, and the caller learns that it has to open() again.
     if (!m_pcm)
         return DeviceClosed;
-    // Counted in the negotiated layout, which is what ALSA reads (see the header).
+    // Frames are counted with the channel count negotiated for this stream,
+    // which is the requested one unless enableChannelsNear() let ALSA pick
+    // another. ALSA reads frames of that size, so counting with the requested
+    // count could send it past the end of the block.
     const snd_pcm_uframes_t frameBytes =
         static_cast<snd_pcm_uframes_t>(m_channels) * static_cast<unsigned int>(bytesPerSample());
+    // No channels, or a format narrower than a byte: the block holds no whole frame.
     if (frameBytes == 0)
         return Written;
     const snd_pcm_uframes_t frames = static_cast<snd_pcm_uframes_t>(data.size()) / frameBytes;
@@ -338,7 +344,7 @@ int AlsaOutputDevice::framesReady() const
 
 int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
 {
-    if (!m_pcm)
+    if (!m_pcm)   // no status to read, as when ALSA cannot give one, but nothing to log
         return -1;
     snd_pcm_status_t* status = nullptr;
     snd_pcm_status_alloca(&status);
@@ -356,7 +362,7 @@ int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
     return static_cast<int>(frames);
 }
 
-// ALSA (its plugins as well as the kernel) fills the status timestamp even
+// ALSA's plugins (null and pulse among them) fill the status timestamp even
 // when timestamps were never enabled, then on the wall clock. Only a stream
 // set up after enableTstamp() stamps on CLOCK_MONOTONIC_RAW, so any other
 // timestamp, like a zero one, gives no age: comparing clocks would be nonsense.
