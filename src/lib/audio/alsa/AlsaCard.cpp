@@ -21,9 +21,8 @@ bool AlsaCard::open()
 {
     if (isOpen())
         return true;
-    // Whatever the cache holds belongs to a mixer that closed itself: those
-    // elements can never work again, so the cache must not hand them out.
-    m_elements.clear();
+    // A handle that closed itself is replaced; the cache never hands out its
+    // elements again, as they are all retired (see cachedElement()).
     m_handle = AlsaMixerHandle::openHandle(m_name);
     return isOpen();
 }
