@@ -13,6 +13,8 @@
 #include <QSignalSpy>
 
 #include <cerrno>
+#include <type_traits>
+#include <utility>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -64,6 +66,13 @@ protected:
     int m_barrierValue = 0;
     LogCapture m_log;
 };
+
+// Callers always name the side: there is no default mode.
+template <class E, class = void>
+struct SetsDbWithoutMode : std::false_type {};
+template <class E>
+struct SetsDbWithoutMode<E, std::void_t<decltype(std::declval<E&>().setDB(0.0))>> : std::true_type {};
+static_assert(!SetsDbWithoutMode<AlsaMixerElement>::value, "a mode parameter got a default");
 
 } // namespace
 
