@@ -58,6 +58,16 @@ int calls(const std::string& function)
     return it == state().calls.end() ? 0 : it->second;
 }
 
+int callsStartingWith(const std::string& prefix)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    int total = 0;
+    for (auto it = state().calls.lower_bound(prefix);
+         it != state().calls.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it)
+        total += it->second;
+    return total;
+}
+
 bool takeFailure(const char* function, long* result)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
