@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
-# Builds libquil_audio and runs its whole test suite.
+# Builds libquil_audio and runs its whole test suite three times: a plain
+# build, the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
+# (leak detection on), and the threaded suites under ThreadSanitizer. Any
+# failure or sanitizer report fails the run.
 # On a fresh Debian 12 machine run as root, it first installs the Debian
-# packages it needs. Usage: scripts/test.sh [extra ctest arguments]
+# packages it needs.
+# Usage: scripts/test.sh [--quick]   (--quick: the plain build only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,12 +15,13 @@ packages=(
     alsa-utils libasound2-plugins pulseaudio pulseaudio-utils
 )
 
-missing=()
-for package in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" \
-        || missing+=("$package")
-done
-if [ ${#missing[@]} -gt 0 ]; then
+install_missing_packages() {
+    local missing=() package
+    for package in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" \
+            || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
     if [ "$(id -u)" -ne 0 ]; then
         echo "Missing Debian packages: ${missing[*]}" >&2
         echo "Install them with: sudo apt-get install ${missing[*]}" >&2
@@ -26,10 +31,27 @@ if [ ${#missing[@]} -gt 0 ]; then
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+}
 
-build=build/test
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build "$build"
-cd "$build"
-ctest --output-on-failure "$@"
+# run_suite NAME "CTEST ARGS" [CMAKE ARGS...]
+run_suite() {
+    local name=$1 ctest_args=$2
+    shift 2
+    echo "== $name"
+    cmake -S . -B "build/$name" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake --build "build/$name"
+    (cd "build/$name" && ctest --output-on-failure $ctest_args)
+}
+
+install_missing_packages
+
+run_suite test ""
+[ "${1:-}" = "--quick" ] && exit 0
+
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0 \
+    run_suite asan "" -DQUIL_AUDIO_SANITIZE=address,undefined
+
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$PWD/tests/sanitizers/tsan.supp \
+    run_suite tsan "-L threaded" -DQUIL_AUDIO_SANITIZE=thread

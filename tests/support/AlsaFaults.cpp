@@ -58,6 +58,16 @@ int calls(const std::string& function)
     return it == state().calls.end() ? 0 : it->second;
 }
 
+int callsStartingWith(const std::string& prefix)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    int total = 0;
+    for (auto it = state().calls.lower_bound(prefix);
+         it != state().calls.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it)
+        total += it->second;
+    return total;
+}
+
 bool takeFailure(const char* function, long* result)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
@@ -87,41 +97,29 @@ void* realSymbol(const char* function)
     return dlsym(RTLD_NEXT, function);
 }
 
-void pcmOpened(void* handle)
+namespace {
+void track(std::set<void*> State::*handles, void* handle, bool open)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    state().pcms.insert(handle);
+    if (open)
+        (state().*handles).insert(handle);
+    else
+        (state().*handles).erase(handle);
 }
 
-void pcmClosed(void* handle)
+int liveCount(std::set<void*> State::*handles)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    state().pcms.erase(handle);
+    return static_cast<int>((state().*handles).size());
 }
+} // namespace
 
-void mixerOpened(void* handle)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().mixers.insert(handle);
-}
-
-void mixerClosed(void* handle)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().mixers.erase(handle);
-}
-
-int openPcmHandles()
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return static_cast<int>(state().pcms.size());
-}
-
-int openMixerHandles()
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return static_cast<int>(state().mixers.size());
-}
+void pcmOpened(void* handle) { track(&State::pcms, handle, true); }
+void pcmClosed(void* handle) { track(&State::pcms, handle, false); }
+void mixerOpened(void* handle) { track(&State::mixers, handle, true); }
+void mixerClosed(void* handle) { track(&State::mixers, handle, false); }
+int openPcmHandles() { return liveCount(&State::pcms); }
+int openMixerHandles() { return liveCount(&State::mixers); }
 
 std::mutex& hookMutex()
 {

@@ -20,6 +20,8 @@ void arm(const std::string& function, long result, int times = 1, int after = 0)
 void reset();
 /// Calls of `function` since the last reset, failed ones included.
 int calls(const std::string& function);
+/// Calls since the last reset of every function whose name starts with `prefix`.
+int callsStartingWith(const std::string& prefix);
 
 /// PCM and mixer handles opened through the library and not closed yet.
 int openPcmHandles();

@@ -79,6 +79,9 @@ QUIL_INTERPOSE(int, snd_pcm_recover, (snd_pcm_t* pcm, int err, int silent), (pcm
 QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_avail_update, (snd_pcm_t* pcm), (pcm))
 QUIL_INTERPOSE(int, snd_pcm_status, (snd_pcm_t* pcm, snd_pcm_status_t* status), (pcm, status))
 QUIL_INTERPOSE(void, snd_pcm_hw_params_free, (snd_pcm_hw_params_t* p), (p))
+QUIL_INTERPOSE(void, snd_pcm_status_get_htstamp,
+               (const snd_pcm_status_t* status, snd_htimestamp_t* time), (status, time))
+QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_status_get_delay, (const snd_pcm_status_t* status), (status))
 
 // Retry and back-off sleeps, so tests can check them exactly (and skip them).
 QUIL_INTERPOSE(int, usleep, (useconds_t us), (us))

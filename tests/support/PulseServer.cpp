@@ -116,9 +116,12 @@ bool PulseServer::prepareDirectory(QString* error)
                    "set-default-source testsink.monitor\n");
     config.close();
 
-    // libpulse in this process would otherwise leave files in /tmp and ~/.config.
+    // libpulse in this process would otherwise leave files in /tmp and create
+    // ~/.config/pulse/cookie (auth-anonymous makes the cookie irrelevant).
     if (!isPrivateDirectory(qgetenv("XDG_RUNTIME_DIR")))
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(directory() + QStringLiteral("/run")));
+    if (qEnvironmentVariableIsEmpty("PULSE_COOKIE"))
+        qputenv("PULSE_COOKIE", QFile::encodeName(directory() + QStringLiteral("/home/cookie")));
     return true;
 }
 

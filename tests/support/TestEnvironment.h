@@ -11,6 +11,9 @@ QString dataDirectory();
 /// Writes `bytes` to `name` under dataDirectory() atomically and returns the path.
 QString writeDataFile(const QString& name, const QByteArray& bytes);
 
+/// The whole content of a file, or "<unreadable>" when it cannot be read.
+QByteArray fileContent(const QString& path);
+
 /// Bytes whose every position differs from its neighbours, so that a lost,
 /// duplicated or shifted block shows in a comparison.
 QByteArray patternBytes(int size, int seed = 0);

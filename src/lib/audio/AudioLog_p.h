@@ -41,6 +41,18 @@ inline bool alsaFailed(const log4cplus::Logger& log, long result, const char* me
     return true;
 }
 
+// Logs message + snd_strerror(code) + ") (" + code + ")" at ERROR: run-time
+// PCM errors carry the number too, as the text alone can be ambiguous.
+inline void logRuntimeError(const log4cplus::Logger& log, long code, const char* message,
+                            const char* file, int line, const char* function)
+{
+    if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
+        std::ostringstream text;
+        text << message << snd_strerror(static_cast<int>(code)) << ") (" << code << ")";
+        log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text.str(), file, line, function);
+    }
+}
+
 } // namespace detail
 } // namespace quil
 
@@ -54,3 +66,8 @@ inline bool alsaFailed(const log4cplus::Logger& log, long result, const char* me
 #define QUIL_ALSA_FAILED_PAREN(result, message) \
     quil::detail::alsaFailed(logger, (result), message, ")", __FILE__, __LINE__, \
                              LOG4CPLUS_MACRO_FUNCTION())
+
+// Logs a run-time PCM error: message + snd_strerror(code) + ") (" + code + ")".
+#define QUIL_LOG_ALSA_RUNTIME_ERROR(code, message) \
+    quil::detail::logRuntimeError(logger, (code), message, __FILE__, __LINE__, \
+                                  LOG4CPLUS_MACRO_FUNCTION())

@@ -71,6 +71,10 @@ static const struct ctl base_ctls[] = {
 	SW("Mic Capture Switch", 1),
 	{ "Input Source", 0, SND_CTL_ELEM_TYPE_ENUMERATED, 1, 0, 3, 0, 0, sources, { 0, 0 } },
 	{ "Inactive Volume", 0, SND_CTL_ELEM_TYPE_INTEGER, 1, 0, 100, 0, 1, NULL, { 50, 50 } },
+	/* Names ALSA does not rank sort alphabetically, so "Aux Zoom" (a partial
+	 * match for "zoom") is listed before the exact "Zoom". */
+	VOL("Aux Zoom Playback Volume", 0, 1, 10, 0, 5),
+	VOL("Zoom Playback Volume", 0, 1, 10, 0, 5),
 };
 #define NBASE (sizeof(base_ctls) / sizeof(base_ctls[0]))
 
@@ -267,40 +271,48 @@ static snd_ctl_ext_key_t parse_target(struct state *s, char *arg, long *value)
 	return lookup(s, arg, index);
 }
 
-/* Runs one command line; returns 1 and fills id/mask when it makes an event. */
+/*
+ * Runs one command line; returns 1 and fills id/mask when it makes an event.
+ * A typo would otherwise show up only as a test waiting for an event forever.
+ */
 static int run_command(struct state *s, char *line, snd_ctl_elem_id_t *id, unsigned int *mask)
 {
 	snd_ctl_ext_key_t key;
+	char op[8];
+	int err = 0;
 	long v;
 	if (!strncmp(line, "set ", 4)) {
 		key = parse_target(s, line + 4, &v);
 		if (key == SND_CTL_EXT_KEY_NOT_FOUND || v < s->ctls[key].min || v > s->ctls[key].max)
-			return 0;
+			goto bad;
 		s->ctls[key].value[0] = s->ctls[key].value[1] = v;
 		*mask = SND_CTL_EVENT_MASK_VALUE;
 	} else if (!strncmp(line, "info ", 5)) {
 		key = parse_target(s, line + 5, NULL);
 		if (key == SND_CTL_EXT_KEY_NOT_FOUND)
-			return 0;
+			goto bad;
 		*mask = SND_CTL_EVENT_MASK_INFO;
-	} else {
-		char op[8];
-		int err = 0;
-		if (sscanf(line, "fail %7s %d", op, &err) >= 1) {
-			s->fail_ops = !strcmp(op, "read") ? FAIL_READ
-				    : !strcmp(op, "write") ? FAIL_WRITE
-				    : !strcmp(op, "all") ? FAIL_READ | FAIL_WRITE | FAIL_INFO : 0;
-			s->fail_err = err > 0 ? err : EIO;
-		} else if (!strcmp(line, "pollerr")) {
-			make_pollerr(s);
-		} else if (!strcmp(line, "dead")) {
-			replace_fd(s, eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)); /* readable until read */
-			s->dead = 1;
-		}
+	} else if (sscanf(line, "fail %7s %d", op, &err) >= 1) {
+		s->fail_ops = !strcmp(op, "read") ? FAIL_READ
+			    : !strcmp(op, "write") ? FAIL_WRITE
+			    : !strcmp(op, "all") ? FAIL_READ | FAIL_WRITE | FAIL_INFO : 0;
+		s->fail_err = err > 0 ? err : EIO;
 		return 0;
+	} else if (!strcmp(line, "pollerr")) {
+		make_pollerr(s);
+		return 0;
+	} else if (!strcmp(line, "dead")) {
+		replace_fd(s, eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)); /* readable until read */
+		s->dead = 1;
+		return 0;
+	} else {
+		goto bad;
 	}
 	fill_id(s, key, id);
 	return 1;
+bad:
+	SNDERR("testmix: cannot run \"%s\"", line);
+	return 0;
 }
 
 static int read_event(snd_ctl_ext_t *ext, snd_ctl_elem_id_t *id, unsigned int *event_mask)

@@ -14,14 +14,6 @@ namespace {
 
 constexpr int DefaultReadFrames = 2048;
 
-// Period and buffer sizes are rate × ms / 1000. Callers keep the product below
-// 2^31; computing it in 64 bits gives the same frames there and keeps a caller
-// who does not from reaching signed overflow.
-snd_pcm_uframes_t framesForMs(int sampleRate, int ms)
-{
-    return static_cast<snd_pcm_uframes_t>(static_cast<qint64>(sampleRate) * ms / 1000);
-}
-
 const char* readErrorPrefix(snd_pcm_sframes_t error)
 {
     switch (error) {
@@ -123,12 +115,12 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
 
-    snd_pcm_uframes_t periodFrames = framesForMs(m_sampleRate, m_periodTimeMs);
+    snd_pcm_uframes_t periodFrames = quil::framesForMs(m_sampleRate, m_periodTimeMs);
     if (QUIL_ALSA_FAILED_PAREN(
             snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
             "Unable to set period size for playback: ("))
         return false;
-    snd_pcm_uframes_t bufferFrames = framesForMs(m_sampleRate, m_bufferTimeMs);
+    snd_pcm_uframes_t bufferFrames = quil::framesForMs(m_sampleRate, m_bufferTimeMs);
     if (QUIL_ALSA_FAILED_PAREN(snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
                                "Unable to set buffer size for playback: ("))
         return false;
@@ -181,7 +173,7 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
 bool AlsaInputDevice::recoverAfterReadError(snd_pcm_sframes_t error)
 {
     const int code = static_cast<int>(error);
-    LOG4CPLUS_ERROR(logger, readErrorPrefix(error) << snd_strerror(code) << ") (" << code << ")");
+    QUIL_LOG_ALSA_RUNTIME_ERROR(code, readErrorPrefix(error));
     const int prepared = snd_pcm_prepare(m_pcm);
     if (prepared < 0) {
         LOG4CPLUS_ERROR(logger, "AlsaInputDevice: Cannot prepare audio interface for use: "

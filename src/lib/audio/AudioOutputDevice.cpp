@@ -1,0 +1,3 @@
+#include "AudioOutputDevice.h"
+
+AudioOutputDevice::~AudioOutputDevice() = default;

@@ -1,0 +1,53 @@
+#pragma once
+
+#include "QuilAudioGlobal.h"
+
+#include <QByteArray>
+#include <QString>
+
+/// A sink for interleaved PCM frames: opened, fed block by block, and closed
+/// either at once or after the queued audio has played out.
+///
+/// Used from one thread at a time; no operation takes a lock.
+///
+/// sampleRate() and channelCount() return int, as on AudioInputDevice, so that
+/// both device families read alike; every rate and channel count a device
+/// can run at fits.
+class QUIL_AUDIO_EXPORT AudioOutputDevice
+{
+public:
+    /// How close() treats audio that is still queued.
+    enum CloseMode {
+        Immediate = 0,   ///< discard it and close at once
+        Drain = 1        ///< block until it has played, then close
+    };
+
+    /// The outcome of one write().
+    enum WriteResult {
+        Written = 0,         ///< every whole frame of the block was accepted
+        XrunRecovered = 1,   ///< the device ran dry; it runs on, the rest of the block was dropped
+        DeviceClosed = 2     ///< unrecoverable: the device is closed and must be opened again
+    };
+
+    /// Destroying a device closes it with Immediate.
+    virtual ~AudioOutputDevice();
+
+    /// Makes the device ready to accept frames; true when it is open afterwards
+    /// (also when it already was).
+    virtual bool open() = 0;
+    /// Closes the device; any mode but Drain closes at once. Harmless when closed.
+    virtual void close(AudioOutputDevice::CloseMode mode) = 0;
+    virtual bool isOpened() = 0;
+    /// Hands the whole frames of data to the device; a trailing partial frame is ignored.
+    virtual AudioOutputDevice::WriteResult write(const QByteArray& data) = 0;
+    /// Frames the device can accept now, or -1 when it cannot tell.
+    virtual int framesReady() const = 0;
+    /// Frames per second.
+    virtual int sampleRate() const = 0;
+    /// Bit width of the sample format / 8, truncated.
+    virtual int bytesPerSample() const = 0;
+    /// Samples per frame.
+    virtual int channelCount() const = 0;
+    /// Human-readable name for log messages.
+    virtual QString name() const = 0;
+};

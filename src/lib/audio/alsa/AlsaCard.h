@@ -1,0 +1,56 @@
+#pragma once
+
+#include "AlsaMixerElement.h"
+#include "AlsaMixerHandle.h"
+#include "QuilAudioGlobal.h"
+
+#include <QHash>
+#include <QObject>
+#include <QSharedPointer>
+#include <QString>
+#include <QWeakPointer>
+
+/// A named ALSA mixer device (for example DefaultName) that hands out its
+/// elements by partial, case-insensitive name.
+///
+/// Every request that resolves to the same full element name gets the same
+/// element object, and with it the same changed() signals, for as long as some
+/// client holds it; the card itself never keeps an element alive.
+///
+/// Open the card on a thread that runs a Qt event loop and use it and its
+/// elements there: that loop delivers the elements' changed() signals.
+class QUIL_AUDIO_EXPORT AlsaCard : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// ALSA's default mixer device, "default".
+    static const char* const DefaultName;
+
+    /// `name` is the ALSA mixer device name; with `open` true the card is
+    /// opened at once (see isOpen() for the outcome).
+    AlsaCard(const QString& name, bool open);
+    ~AlsaCard() override;
+
+    /// Opens the mixer unless the card is open; true when it is open afterwards.
+    /// After a failure it may be called again.
+    bool open();
+    /// True while the card holds an open mixer. A mixer that closed itself on
+    /// a poll error or a dead backend counts as closed, so that open() can
+    /// open the device afresh; elements loaded before then stay unusable and
+    /// must be loaded again.
+    bool isOpen() const;
+    /// The ALSA mixer device name.
+    QString name() const;
+
+    /// The shared element whose full name best matches `name` (see
+    /// AlsaMixerHandle::guessElementName()), or null after logging why.
+    AlsaMixerElementPtr loadMixerElement(const QString& name);
+
+private:
+    AlsaMixerElementPtr cachedElement(const QString& fullName);
+
+    QString m_name;
+    QSharedPointer<AlsaMixerHandle> m_handle;
+    QHash<QString, QWeakPointer<AlsaMixerElement>> m_elements;
+};

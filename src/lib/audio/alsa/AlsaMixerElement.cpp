@@ -1,0 +1,236 @@
+#include "AlsaMixerElement.h"
+
+#include "AlsaMixerHandle.h"
+#include "AudioLog_p.h"
+
+QUIL_AUDIO_DEFINE_LOGGER();
+
+namespace {
+
+// ALSA's front-left channel, also the only channel of a mono element.
+constexpr snd_mixer_selem_channel_id_t FirstChannel = SND_MIXER_SCHN_FRONT_LEFT;
+
+// The playback and capture variants of each ALSA call share one signature;
+// only mode 0 means playback.
+template <class Function>
+Function* side(AlsaElementMode mode, Function* playback, Function* capture)
+{
+    return mode == 0 ? playback : capture;
+}
+
+// For the element's controls any result but 0 is a failure, positive ones
+// included; it is logged as the described action + " failed: " + the error text.
+template <class Describe>
+bool elementCallFailed(const log4cplus::Logger& log, int result, Describe describe, const char* file,
+                       int line, const char* function)
+{
+    if (result == 0)
+        return false;
+    if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
+        std::ostringstream text;
+        describe(text);
+        text << " failed: " << snd_strerror(result);
+        log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text.str(), file, line, function);
+    }
+    return true;
+}
+
+} // namespace
+
+#define QUIL_ELEMENT_CALL_FAILED(result, action)                                                   \
+    elementCallFailed(logger, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
+                      __LINE__, LOG4CPLUS_MACRO_FUNCTION())
+
+AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem,
+                                   QSharedPointer<AlsaMixerHandle> handle)
+    : m_name(name)
+    , m_elem(elem)
+    , m_handle(std::move(handle))
+{
+    Q_ASSERT(m_elem);
+    snd_mixer_elem_set_callback(m_elem, mixerElemCallback);
+    snd_mixer_elem_set_callback_private(m_elem, this);
+}
+
+AlsaMixerElement::~AlsaMixerElement()
+{
+    // After the mixer closed or ALSA removed the element, m_elem is freed memory.
+    if (isUsable()) {
+        snd_mixer_elem_set_callback(m_elem, nullptr);
+        snd_mixer_elem_set_callback_private(m_elem, nullptr);
+    }
+}
+
+QString AlsaMixerElement::name() const
+{
+    return m_name;
+}
+
+bool AlsaMixerElement::isUsable() const
+{
+    return !m_removed && m_handle->isOpen();
+}
+
+bool AlsaMixerElement::isUsableLogged() const
+{
+    if (isUsable())
+        return true;
+    LOG4CPLUS_ERROR(logger, "Mixer element " << m_name << " is no longer available");
+    return false;
+}
+
+bool AlsaMixerElement::setDB(double dB, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " setDB " << dB);
+    if (!isUsableLogged())
+        return false;
+    const long value = static_cast<long>(dB * 100.0);   // truncated toward zero
+    const int result = side(mode, snd_mixer_selem_set_playback_dB_all,
+                            snd_mixer_selem_set_capture_dB_all)(m_elem, value, -1);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Set dB on: " << m_name << " to: " << dB);
+}
+
+bool AlsaMixerElement::getDB(double* dB, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " getDB");
+    if (!isUsableLogged())
+        return false;
+    long value = 0;
+    const int result = side(mode, snd_mixer_selem_get_playback_dB,
+                            snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &value);
+    if (QUIL_ELEMENT_CALL_FAILED(result, "Get dB on: " << m_name))
+        return false;
+    *dB = value / 100.0;
+    return true;
+}
+
+bool AlsaMixerElement::hasDB(AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " hasDB");
+    if (!isUsable())
+        return false;
+    long scratch = 0;
+    return side(mode, snd_mixer_selem_get_playback_dB,
+                snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &scratch) == 0;
+}
+
+bool AlsaMixerElement::setVolume(long value, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " setVolume " << value);
+    if (!isUsableLogged())
+        return false;
+    const int result = side(mode, snd_mixer_selem_set_playback_volume_all,
+                            snd_mixer_selem_set_capture_volume_all)(m_elem, value);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Set volume on: " << m_name << " to: " << value);
+}
+
+bool AlsaMixerElement::getVolume(long* value, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " getVolume");
+    if (!isUsableLogged())
+        return false;
+    const int result = side(mode, snd_mixer_selem_get_playback_volume,
+                            snd_mixer_selem_get_capture_volume)(m_elem, FirstChannel, value);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Get volume on: " << m_name);
+}
+
+bool AlsaMixerElement::getVolumeRange(long* min, long* max, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " getVolumeRange");
+    if (!isUsableLogged())
+        return false;
+    const int result = side(mode, snd_mixer_selem_get_playback_volume_range,
+                            snd_mixer_selem_get_capture_volume_range)(m_elem, min, max);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Get volume range on: " << m_name);
+}
+
+bool AlsaMixerElement::hasSwitch(AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " hasSwitch");
+    if (!isUsable())
+        return false;
+    return side(mode, snd_mixer_selem_has_playback_switch, snd_mixer_selem_has_capture_switch)(m_elem) != 0;
+}
+
+bool AlsaMixerElement::setSwitch(bool on, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " setSwitch " << on);
+    if (!isUsableLogged())
+        return false;
+    const int result = side(mode, snd_mixer_selem_set_playback_switch_all,
+                            snd_mixer_selem_set_capture_switch_all)(m_elem, on ? 1 : 0);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Set switch on: " << m_name << " to: " << on);
+}
+
+bool AlsaMixerElement::getSwitch(bool* on, AlsaElementMode mode)
+{
+    QUIL_TRACE_ENTRY(<< m_name << " getSwitch");
+    if (!isUsableLogged())
+        return false;
+    int value = 0;
+    const int result = side(mode, snd_mixer_selem_get_playback_switch,
+                            snd_mixer_selem_get_capture_switch)(m_elem, FirstChannel, &value);
+    if (QUIL_ELEMENT_CALL_FAILED(result, "Get switch: " << m_name))
+        return false;
+    *on = value == 1;
+    return true;
+}
+
+bool AlsaMixerElement::isEnumerated()
+{
+    return isUsable() && snd_mixer_selem_is_enumerated(m_elem) != 0;
+}
+
+bool AlsaMixerElement::setEnum(unsigned int item)
+{
+    if (!isUsableLogged())
+        return false;
+    const int result = snd_mixer_selem_set_enum_item(m_elem, FirstChannel, item);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Set Enum: " << m_name);
+}
+
+bool AlsaMixerElement::getEnum(unsigned int* item)
+{
+    if (!isUsableLogged())
+        return false;
+    const int result = snd_mixer_selem_get_enum_item(m_elem, FirstChannel, item);
+    return !QUIL_ELEMENT_CALL_FAILED(result, "Get Enum: " << m_name);
+}
+
+size_t AlsaMixerElement::getEnumSize()
+{
+    if (!isUsableLogged())
+        return 0;
+    const int items = snd_mixer_selem_get_enum_items(m_elem);
+    if (items < 0 && QUIL_ELEMENT_CALL_FAILED(items, "Get Enum size: " << m_name))
+        return 0;
+    return static_cast<size_t>(items);
+}
+
+bool AlsaMixerElement::getEnumItemName(unsigned int index, QString* name)
+{
+    if (!isUsableLogged())
+        return false;
+    char buffer[100];
+    const int result = snd_mixer_selem_get_enum_item_name(m_elem, index, sizeof buffer, buffer);
+    if (QUIL_ELEMENT_CALL_FAILED(result, "Get Enum item name: " << m_name))
+        return false;
+    *name = QString::fromUtf8(buffer);
+    return true;
+}
+
+int AlsaMixerElement::mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask)
+{
+    QUIL_TRACE_ENTRY(<< "mask: " << mask << " element " << snd_mixer_selem_get_name(elem));
+    if (!(mask & SND_CTL_EVENT_MASK_VALUE))
+        return 0;
+    auto* element = static_cast<AlsaMixerElement*>(snd_mixer_elem_get_callback_private(elem));
+    if (!element)
+        return 0;
+    // ALSA frees the element when this callback returns; a receiver of the
+    // signal below already finds the object retired.
+    if (mask == SND_CTL_EVENT_MASK_REMOVE)
+        element->m_removed = true;
+    emit element->changed();
+    return 0;
+}

@@ -1,0 +1,81 @@
+// Pass-through definitions of every simple-mixer function the library calls,
+// so that a test can make any of them fail or count them (see AlsaFaults.h).
+// Open and close also keep the count of live mixer handles for leak checks.
+
+#include "AlsaFaults.h"
+
+#include <alsa/asoundlib.h>
+
+using quiltest::faults::real;
+using quiltest::faults::takeFailure;
+
+extern "C" int snd_mixer_open(snd_mixer_t** mixer, int mode)
+{
+    long armedResult = 0;
+    if (takeFailure("snd_mixer_open", &armedResult))
+        return static_cast<int>(armedResult);
+    static auto* realOpen = real<int(snd_mixer_t**, int)>("snd_mixer_open");
+    const int result = realOpen(mixer, mode);
+    if (result >= 0)
+        quiltest::faults::mixerOpened(*mixer);
+    return result;
+}
+
+extern "C" int snd_mixer_close(snd_mixer_t* mixer)
+{
+    long armedResult = 0;
+    const bool fail = takeFailure("snd_mixer_close", &armedResult);
+    static auto* realClose = real<int(snd_mixer_t*)>("snd_mixer_close");
+    quiltest::faults::mixerClosed(mixer);
+    const int result = realClose(mixer);   // an injected failure still releases the handle
+    return fail ? static_cast<int>(armedResult) : result;
+}
+
+using Elem = snd_mixer_elem_t;
+using Channel = snd_mixer_selem_channel_id_t;
+
+QUIL_INTERPOSE(int, snd_mixer_attach, (snd_mixer_t* m, const char* name), (m, name))
+QUIL_INTERPOSE(int, snd_mixer_selem_register,
+               (snd_mixer_t* m, struct snd_mixer_selem_regopt* options, snd_mixer_class_t** c), (m, options, c))
+QUIL_INTERPOSE(int, snd_mixer_load, (snd_mixer_t* m), (m))
+QUIL_INTERPOSE(int, snd_mixer_poll_descriptors_count, (snd_mixer_t* m), (m))
+QUIL_INTERPOSE(int, snd_mixer_poll_descriptors, (snd_mixer_t* m, struct pollfd* p, unsigned int n), (m, p, n))
+QUIL_INTERPOSE(int, snd_mixer_poll_descriptors_revents,
+               (snd_mixer_t* m, struct pollfd* p, unsigned int n, unsigned short* r), (m, p, n, r))
+QUIL_INTERPOSE(int, snd_mixer_handle_events, (snd_mixer_t* m), (m))
+QUIL_INTERPOSE(Elem*, snd_mixer_first_elem, (snd_mixer_t* m), (m))
+QUIL_INTERPOSE(Elem*, snd_mixer_elem_next, (Elem* e), (e))
+QUIL_INTERPOSE(Elem*, snd_mixer_find_selem, (snd_mixer_t* m, const snd_mixer_selem_id_t* id), (m, id))
+QUIL_INTERPOSE(size_t, snd_mixer_selem_id_sizeof, (), ())
+QUIL_INTERPOSE(void, snd_mixer_selem_get_id, (Elem* e, snd_mixer_selem_id_t* id), (e, id))
+QUIL_INTERPOSE(int, snd_mixer_selem_is_active, (Elem* e), (e))
+QUIL_INTERPOSE(const char*, snd_mixer_selem_id_get_name, (const snd_mixer_selem_id_t* id), (id))
+QUIL_INTERPOSE(void, snd_mixer_selem_id_set_index, (snd_mixer_selem_id_t* id, unsigned int i), (id, i))
+QUIL_INTERPOSE(void, snd_mixer_selem_id_set_name, (snd_mixer_selem_id_t* id, const char* n), (id, n))
+QUIL_INTERPOSE(const char*, snd_mixer_selem_get_name, (Elem* e), (e))
+QUIL_INTERPOSE(void, snd_mixer_elem_set_callback, (Elem* e, snd_mixer_elem_callback_t c), (e, c))
+QUIL_INTERPOSE(void, snd_mixer_elem_set_callback_private, (Elem* e, void* p), (e, p))
+QUIL_INTERPOSE(void*, snd_mixer_elem_get_callback_private, (const Elem* e), (e))
+
+QUIL_INTERPOSE(int, snd_mixer_selem_set_playback_dB_all, (Elem* e, long v, int d), (e, v, d))
+QUIL_INTERPOSE(int, snd_mixer_selem_set_capture_dB_all, (Elem* e, long v, int d), (e, v, d))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_playback_dB, (Elem* e, Channel c, long* v), (e, c, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_capture_dB, (Elem* e, Channel c, long* v), (e, c, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_set_playback_volume_all, (Elem* e, long v), (e, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_set_capture_volume_all, (Elem* e, long v), (e, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_playback_volume, (Elem* e, Channel c, long* v), (e, c, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_capture_volume, (Elem* e, Channel c, long* v), (e, c, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_playback_volume_range, (Elem* e, long* lo, long* hi), (e, lo, hi))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_capture_volume_range, (Elem* e, long* lo, long* hi), (e, lo, hi))
+QUIL_INTERPOSE(int, snd_mixer_selem_has_playback_switch, (Elem* e), (e))
+QUIL_INTERPOSE(int, snd_mixer_selem_has_capture_switch, (Elem* e), (e))
+QUIL_INTERPOSE(int, snd_mixer_selem_set_playback_switch_all, (Elem* e, int v), (e, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_set_capture_switch_all, (Elem* e, int v), (e, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_playback_switch, (Elem* e, Channel c, int* v), (e, c, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_capture_switch, (Elem* e, Channel c, int* v), (e, c, v))
+QUIL_INTERPOSE(int, snd_mixer_selem_is_enumerated, (Elem* e), (e))
+QUIL_INTERPOSE(int, snd_mixer_selem_set_enum_item, (Elem* e, Channel c, unsigned int i), (e, c, i))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_enum_item, (Elem* e, Channel c, unsigned int* i), (e, c, i))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_enum_items, (Elem* e), (e))
+QUIL_INTERPOSE(int, snd_mixer_selem_get_enum_item_name,
+               (Elem* e, unsigned int i, size_t n, char* buffer), (e, i, n, buffer))
