@@ -4,7 +4,6 @@
 #include <QtEndian>
 
 #include <pthread.h>
-#include <unistd.h>
 
 namespace quiltest {
 
@@ -15,24 +14,18 @@ ScriptedInputDevice::ScriptedInputDevice(int sampleRate, int channelCount, int b
 {
 }
 
-ScriptedInputDevice::~ScriptedInputDevice() = default;
-
 bool ScriptedInputDevice::open()
 {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_openThread) {
-            char name[16] = {};
-            pthread_getname_np(pthread_self(), name, sizeof name);
-            m_openThread = QThread::currentThread();
-            m_openThreadName = QString::fromUtf8(name);
-        }
+        m_openThreadName = QString::fromUtf8(name);
     }
+    openThread = QThread::currentThread();
     ++opens;
-    if (failOpen)
-        return false;
-    m_opened = true;
-    return true;
+    m_opened = !failOpen;
+    return m_opened;
 }
 
 void ScriptedInputDevice::close()
@@ -41,17 +34,15 @@ void ScriptedInputDevice::close()
     m_opened = false;
 }
 
-bool ScriptedInputDevice::isOpened()
-{
-    return m_opened;
-}
-
 bool ScriptedInputDevice::read(QByteArray* buffer, int frameCount)
 {
     const int readNumber = reads++;
-    passGate();
-    if (readDelayUs > 0)
-        usleep(static_cast<useconds_t>(readDelayUs.load()));
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_gateChanged.wait(lock, [this] { return !m_gated || m_permits > 0; });
+        if (m_gated)
+            --m_permits;
+    }
     if (failReads)
         return false;
     if (!framesPerRead.isEmpty())
@@ -59,14 +50,6 @@ bool ScriptedInputDevice::read(QByteArray* buffer, int frameCount)
     *buffer = frames(deliveredFrames + 1, frameCount);
     deliveredFrames += frameCount;
     return true;
-}
-
-void ScriptedInputDevice::passGate()
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_gateChanged.wait(lock, [this] { return !m_gated || m_permits > 0; });
-    if (m_gated)
-        --m_permits;
 }
 
 void ScriptedInputDevice::closeGate()
@@ -89,12 +72,6 @@ void ScriptedInputDevice::openGate()
     m_gateChanged.notify_all();
 }
 
-QThread* ScriptedInputDevice::openThread() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_openThread;
-}
-
 QString ScriptedInputDevice::openThreadName() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -105,10 +82,8 @@ QByteArray ScriptedInputDevice::frames(int first, int count) const
 {
     const int frameBytes = m_bytesPerSample * m_channelCount;
     QByteArray bytes(count * frameBytes, '\0');
-    for (int i = 0; i < count; ++i) {
-        const quint32 value = qToLittleEndian(static_cast<quint32>(first + i));
-        memcpy(bytes.data() + i * frameBytes, &value, static_cast<size_t>(qMin(4, frameBytes)));
-    }
+    for (int i = 0; i < count; ++i)
+        qToLittleEndian<quint32>(static_cast<quint32>(first + i), bytes.data() + i * frameBytes);
     return bytes;
 }
 
@@ -119,14 +94,12 @@ struct FeedRecorder::State
     bool finished = false;
 };
 
-FeedRecorder::FeedRecorder(CMDataTransfer transfer, const QString& label, std::shared_ptr<ArrivalLog> arrivals)
+FeedRecorder::FeedRecorder(CMDataTransfer transfer)
     : m_transfer(std::move(transfer))
     , m_state(std::make_shared<State>())
 {
     std::shared_ptr<State> state = m_state;
-    m_transfer.onDataAvailable([state, label, arrivals](const QByteArray& block) {
-        if (arrivals)
-            arrivals->append(label);
+    m_transfer.onDataAvailable([state](const QByteArray& block) {
         std::lock_guard<std::mutex> lock(state->mutex);
         state->blocks.append(block);
     });
@@ -145,8 +118,8 @@ QByteArray FeedRecorder::bytes() const
     return all;
 }
 
-// A list of its own rather than a shared copy: the handler keeps appending to
-// the recorded one in another thread.
+// A list of its own, not a shared copy: the handler goes on appending to the
+// recorded one in another thread.
 QList<QByteArray> FeedRecorder::blocks() const
 {
     std::lock_guard<std::mutex> lock(m_state->mutex);
@@ -165,18 +138,6 @@ bool FeedRecorder::isFinished() const
     return m_state->finished;
 }
 
-QStringList ArrivalLog::labels() const
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return QStringList(m_labels.cbegin(), m_labels.cend());
-}
-
-void ArrivalLog::append(const QString& label)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_labels.append(label);
-}
-
 bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
 {
     QElapsedTimer timer;
@@ -189,28 +150,17 @@ bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
     return true;
 }
 
-QList<quint32> counterFrames(const QByteArray& bytes, int frameBytes)
+QString counterStreamDefect(const QByteArray& bytes)
 {
-    QList<quint32> values;
-    for (int offset = 0; offset + 4 <= bytes.size(); offset += frameBytes)
-        values.append(qFromLittleEndian<quint32>(bytes.constData() + offset));
-    return values;
-}
-
-QString counterStreamDefect(const QByteArray& bytes, int frameBytes)
-{
-    if (bytes.size() % frameBytes != 0)
+    if (bytes.size() % 4 != 0)
         return QStringLiteral("%1 bytes are no whole number of frames").arg(bytes.size());
-    const QList<quint32> values = counterFrames(bytes, frameBytes);
-    int i = 0;
-    while (i < values.size() && values.at(i) == 0)
-        ++i;
-    if (i > 0 && i < values.size() && values.at(i) != 1)
-        return QStringLiteral("silence is followed by frame %1, not by the first frame").arg(values.at(i));
-    for (++i; i < values.size(); ++i) {
-        if (values.at(i) != values.at(i - 1) + 1)
-            return QStringLiteral("frame %1 follows frame %2 at position %3")
-                .arg(values.at(i)).arg(values.at(i - 1)).arg(i);
+    quint32 previous = 0;
+    for (int offset = 0; offset < bytes.size(); offset += 4) {
+        const quint32 frame = qFromLittleEndian<quint32>(bytes.constData() + offset);
+        const bool continues = frame == previous + 1 || (frame == 0 && previous == 0) || offset == 0;
+        if (!continues)
+            return QStringLiteral("frame %1 follows frame %2 at byte %3").arg(frame).arg(previous).arg(offset);
+        previous = frame;
     }
     return QString();
 }
