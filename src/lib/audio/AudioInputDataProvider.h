@@ -32,6 +32,7 @@ public:
     void stop();
     /// Replaces captured audio by silence while muted.
     void setMuteState(bool muted);
+    /// The mute state last set; false at first.
     bool isMuted() const;
     /// The device given at construction.
     const AudioInputDevice& audioDevice() const;

@@ -47,6 +47,7 @@ public:
     void stop();
     /// Replaces captured audio by silence from the next block on.
     void setMuteState(bool muted);
+    /// The mute state last set; false at first.
     bool isMuted() const;
     /// The device given at construction.
     const AudioInputDevice& audioDevice() const;
@@ -54,7 +55,9 @@ public:
     CMUnbufferedDataTransfer liveFeed() const;
     /// A new feed that first receives the newest offsetMs of the ring (the whole
     /// ring, with a warning, when it holds less) and then every block captured
-    /// afterwards, in order, until it is finished.
+    /// afterwards, in order, until it is finished. The prefill is handed over in
+    /// the calling thread before this returns; nothing captured meanwhile is
+    /// lost or delivered ahead of it.
     CMBufferedDataTransfer liveFeedWithOffset(int offsetMs);
 
     /// Bytes of `frames` frames of the device's format.
