@@ -312,6 +312,12 @@ TEST_F(MixerTest, CardOpensOnceAndSharesOneElementPerName)
     EXPECT_FALSE(missing.isOpen());
     EXPECT_FALSE(missing.open());
     EXPECT_EQ(m_log.startingWith(ERROR_LOG_LEVEL, "Mixer attach no_such_mixer error: ").size(), 2);
+    m_log.clear();
+    AlsaCard unnamed("", true);
+    EXPECT_FALSE(unnamed.isOpen());
+    EXPECT_FALSE(unnamed.loadMixerElement("master"));
+    EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), (QStringList{"Mixer attach  error: " + alsaText(-ENOENT),
+                                                           "Cannot load mixer element, not opened "}));
 }
 
 TEST_F(MixerTest, MixerClosesItselfForGoodOnPollErrorOrDeadBackend)

@@ -380,3 +380,34 @@ TEST_F(AlsaOutputDeviceTest, EveryFailingNegotiationStepLogsItsMessageAndRelease
         EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), QStringList{step.message + alsaText(step.code) + closing});
     }
 }
+
+// Parameters no PCM can honour fail open() at their step with its line; a
+// rate beyond the int range (a negative rate, converted) is refused although
+// null would take it, and negative times ask for nothing, like -1.
+TEST_F(AlsaOutputDeviceTest, BadParametersFailOpenAtTheirStep)
+{
+    faults::setHook<int(useconds_t)>("usleep", [](useconds_t) { return 0; });
+    struct Case { QString name; unsigned rate, channels; snd_pcm_format_t format; int periodMs, bufferMs; QString error; };
+    const QString inval = alsaText(-EINVAL);
+    const QList<Case> cases{
+        {"", 48000, 2, S16, 20, 100, "Cannot open playback device '': " + alsaText(-ENOENT)},
+        {"null", 48000, 2, SND_PCM_FORMAT_UNKNOWN, 20, 100, "Cannot set sample format: " + inval},
+        {"null", 48000, 2, SND_PCM_FORMAT_S24_LE, 20, 100, "Cannot set sample format: " + inval},
+        {"null", 48000, 0, S16, 20, 100, "Could not set channel count to: 0"},
+        {"null", 0, 2, S16, 20, 100, "Could not set sample rate to: 0"},
+        {"null", static_cast<unsigned>(-48000), 2, S16, 20, 100, "Cannot set sample rate: " + inval},
+        {"null", 48000, 2, S16, -20, -100000, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error.toStdString());
+        m_log.clear();
+        faults::arm("snd_pcm_hw_params_set_period_size_near", -EIO);   // must not be reached
+        faults::arm("snd_pcm_hw_params_set_buffer_size_near", -EIO);
+        AlsaOutputDevice device(c.name, c.rate, c.channels, c.format, c.periodMs, c.bufferMs);
+        device.setStartThresholdMs(-5);
+        EXPECT_EQ(device.open(), c.error.isEmpty());
+        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), c.error.isEmpty() ? QStringList() : QStringList{c.error});
+        EXPECT_EQ(device.write(patternBytes(400)), c.error.isEmpty() ? AudioOutputDevice::Written : AudioOutputDevice::DeviceClosed);
+        EXPECT_EQ(faults::openPcmHandles(), c.error.isEmpty() ? 1 : 0);
+    }
+}
