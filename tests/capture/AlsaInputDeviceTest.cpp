@@ -192,12 +192,14 @@ TEST_F(AlsaInputDeviceTest, ChannelCountReadBackThatDiffersFails)
 
 TEST_F(AlsaInputDeviceTest, ReadErrorsAreLoggedAndRecoveredByPrepareAndStart)
 {
-    struct Error { int code; QString prefix; };
+    // A start that fails changes nothing: the next read starts the stream.
+    struct Error { int code; QString prefix; bool startFails = false; };
     const QList<Error> errors{
         {-EPIPE, "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: "},
         {-ESTRPIPE, "AlsaInputDevice: error while reading: a suspend event occurred (ESTRPIPE: "},
         {-EBADFD, "AlsaInputDevice: error while reading: PCM is not in the right state (EBADFD: "},
         {-EIO, "AlsaInputDevice: error while reading ("},
+        {-EPIPE, "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: ", true},
     };
     const QByteArray data = patternBytes(480 * 4 * 8);
     AlsaInputDevice device(knownDataPcm(data), 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
@@ -222,13 +224,15 @@ TEST_F(AlsaInputDeviceTest, ReadErrorsAreLoggedAndRecoveredByPrepareAndStart)
         m_log.clear();
         sequence.clear();
         faults::arm("snd_pcm_readi", error.code);
+        if (error.startFails)
+            faults::arm("snd_pcm_start", -EBADFD);   // (an armed failure bypasses the hook)
         QByteArray block;
         ASSERT_TRUE(device.read(&block, 480));
         EXPECT_TRUE(block == data.mid(offset, 480 * 4));   // the frames of the read after recovery
         offset += block.size();
         EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL),
                   QStringList{error.prefix + alsaText(error.code) + ") (" + QString::number(error.code) + ")"});
-        EXPECT_EQ(sequence.mid(0, 2), (QStringList{"prepare", "start"}));
+        EXPECT_EQ(sequence.mid(0, 2), (error.startFails ? QStringList{"prepare"} : QStringList{"prepare", "start"}));
         EXPECT_TRUE(device.isOpened());
     }
 }
@@ -289,7 +293,10 @@ TEST_F(AlsaInputDeviceTest, ClosedDeviceReadsNothingAndClosesQuietly)
     EXPECT_EQ(block, QByteArray("untouched"));
     EXPECT_TRUE(m_log.records().isEmpty());
     ASSERT_TRUE(device.open());
+    faults::arm("snd_pcm_close", -EIO);   // ignored: the handle is gone all the same
     device.close();
+    EXPECT_FALSE(device.isOpened());
+    EXPECT_EQ(faults::openPcmHandles(), 0);
     m_log.clear();
     device.close();
     EXPECT_EQ(m_log.messages(TRACE_LOG_LEVEL),

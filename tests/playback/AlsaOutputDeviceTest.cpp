@@ -223,11 +223,14 @@ TEST_F(AlsaOutputDeviceTest, FramesReadyReportsRecoversOrFails)
     faults::arm("snd_pcm_avail_update", -EPIPE);
     EXPECT_EQ(device.framesReady(), 0);
     EXPECT_EQ(faults::calls("snd_pcm_recover"), 1);
+    faults::arm("snd_pcm_avail_update", -EPIPE);
+    faults::arm("snd_pcm_recover", -ENODEV);   // not recovered: silently so
+    EXPECT_EQ(device.framesReady(), 0);
     faults::arm("snd_pcm_avail_update", -EBADFD);
     EXPECT_EQ(device.framesReady(), -1);
+    const QString xrun = runtimeError("AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ", -EPIPE);
     EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL),
-              (QStringList{runtimeError("AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ", -EPIPE),
-                           runtimeError("AlsaOutputDevice: error while getting available frames: (", -EBADFD)}));
+              (QStringList{xrun, xrun, runtimeError("AlsaOutputDevice: error while getting available frames: (", -EBADFD)}));
     EXPECT_TRUE(device.isOpened());
 }
 
@@ -286,6 +289,7 @@ TEST_F(AlsaOutputDeviceTest, CloseDrainsOnlyWhenAskedAndAlwaysCloses)
         EXPECT_EQ(faults::calls("snd_pcm_drain"), 1);
         ASSERT_TRUE(device.open());
         faults::arm("snd_pcm_drain", -EIO);
+        faults::arm("snd_pcm_close", -EIO);
         device.close(AudioOutputDevice::Drain);
         EXPECT_FALSE(device.isOpened());
         EXPECT_EQ(faults::openPcmHandles(), 0);
@@ -386,7 +390,6 @@ TEST_F(AlsaOutputDeviceTest, EveryFailingNegotiationStepLogsItsMessageAndRelease
 // null would take it, and negative times ask for nothing, like -1.
 TEST_F(AlsaOutputDeviceTest, BadParametersFailOpenAtTheirStep)
 {
-    faults::setHook<int(useconds_t)>("usleep", [](useconds_t) { return 0; });
     struct Case { QString name; unsigned rate, channels; snd_pcm_format_t format; int periodMs, bufferMs; QString error; };
     const QString inval = alsaText(-EINVAL);
     const QList<Case> cases{
@@ -401,12 +404,14 @@ TEST_F(AlsaOutputDeviceTest, BadParametersFailOpenAtTheirStep)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.error.toStdString());
         m_log.clear();
-        faults::arm("snd_pcm_hw_params_set_period_size_near", -EIO);   // must not be reached
-        faults::arm("snd_pcm_hw_params_set_buffer_size_near", -EIO);
+        faults::reset();
+        faults::setHook<int(useconds_t)>("usleep", [](useconds_t) { return 0; });
         AlsaOutputDevice device(c.name, c.rate, c.channels, c.format, c.periodMs, c.bufferMs);
         device.setStartThresholdMs(-5);
         EXPECT_EQ(device.open(), c.error.isEmpty());
         EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), c.error.isEmpty() ? QStringList() : QStringList{c.error});
+        EXPECT_EQ(faults::calls("snd_pcm_hw_params_set_period_size_near") + faults::calls("snd_pcm_hw_params_set_buffer_size_near")
+                      + faults::calls("snd_pcm_sw_params_set_start_threshold"), 0);
         EXPECT_EQ(device.write(patternBytes(400)), c.error.isEmpty() ? AudioOutputDevice::Written : AudioOutputDevice::DeviceClosed);
         EXPECT_EQ(faults::openPcmHandles(), c.error.isEmpty() ? 1 : 0);
     }
