@@ -84,8 +84,13 @@ AudioInputDataProviderThread::~AudioInputDataProviderThread()
     quil::acceptHandOff(this);   // published by the provider before deleteLater()
     m_running = false;
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
-    quil::MutexLocker locker(&m_link->mutex);
-    m_link->worker = nullptr;
+    {
+        quil::MutexLocker locker(&m_link->mutex);
+        m_link->worker = nullptr;
+    }
+    // The last of this thread's work with the device and the transfers:
+    // accepted by the provider once its wait() for this thread returns.
+    quil::publishHandOff(thread());
 }
 
 void AudioInputDataProviderThread::start()
