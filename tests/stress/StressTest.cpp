@@ -213,6 +213,11 @@ TEST_F(StressTest, ProviderChurnLeavesNoThreadDescriptorOrAllocation)
         if (i % 11 != 0) {   // now and then destroyed without ever starting
             provider->start();
             EXPECT_TRUE(waitUntil([&] { return device.reads > 0 || device.openFailed; })) << i;
+            // Muted while capture runs on: the worker reads the state for the next block.
+            provider->setMuteState(i % 2 == 0);
+            const int blocks = live.blockCount();
+            if (blocks > 0)
+                EXPECT_TRUE(waitUntil([&] { return live.blockCount() > blocks; })) << i;
         }
         if (i % 2)
             provider->stop();
