@@ -78,6 +78,7 @@ TEST_F(FileInputDeviceTest, HoldsReadsToRealTime)
     EXPECT_GE(elapsed, 2000);
     EXPECT_LE(elapsed, 2050);
     EXPECT_EQ(block, QByteArray(3840, '\0'));   // no file: zeros
+    EXPECT_EQ(device.name(), "File Input Device");
 }
 
 // Frames without bytes (no width, no channels) still take their time; with

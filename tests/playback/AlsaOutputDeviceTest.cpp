@@ -79,8 +79,11 @@ TEST_F(AlsaOutputDeviceTest, PeriodBufferAndThresholdFollowTheLastSetterOfEachPa
         {"sizes override times", 20, 100,
          [](AlsaOutputDevice& d) { d.setPeriodSize(1024); d.setBufferSize(8192); d.setStartThreshold(2048); }, 1024, 8192, 2048},
         {"a later time overrides a size", 20, 100,
-         [](AlsaOutputDevice& d) { d.setPeriodSize(1024); d.setPeriodTimeMs(10); d.setStartThreshold(99); d.setStartThresholdMs(50); },
-         480, 4800, 2400},
+         [](AlsaOutputDevice& d) {
+             d.setPeriodSize(1024); d.setPeriodTimeMs(10); d.setBufferSize(8192); d.setBufferTimeMs(200);
+             d.setStartThreshold(99); d.setStartThresholdMs(50);
+         },
+         480, 9600, 2400},
         {"threshold beyond the buffer", 20, 100, [](AlsaOutputDevice& d) { d.setStartThresholdMs(1000); }, 960, 4800, 4800},
         {"neither given", -1, -1, [](AlsaOutputDevice&) {}, 0, 0, 0},
         {"counts of 0 and below ask for nothing", 20, 100,
@@ -307,6 +310,7 @@ TEST_F(AlsaOutputDeviceTest, CloseDrainsOnlyWhenAskedAndAlwaysCloses)
 TEST_F(AlsaOutputDeviceTest, OpenTracesItsStepsAndKeepsAnOpenStreamAsItIs)
 {
     AlsaOutputDevice device(QStringLiteral("null"), 48000, 2, S16, 20, 100);
+    EXPECT_EQ(device.name(), "null");
     ASSERT_TRUE(device.open());
     EXPECT_EQ(m_log.messages(TRACE_LOG_LEVEL),
               (QStringList{"Enter virtual bool AlsaOutputDevice::open(): ", "Playback device opened.",

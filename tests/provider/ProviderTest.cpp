@@ -133,6 +133,11 @@ TEST_F(ProviderTest, ByteCountsAreWholeFramesTruncatedTowardZero)
         EXPECT_EQ(worker.frameCountToByteCount(1024), 1024 * c.channels * c.bytesPerSample);
         EXPECT_EQ(worker.frameCountToByteCount(INT_MIN), c.channels * c.bytesPerSample ? INT_MIN : 0);
     }
+    // Products beyond even 64 bits stay at the ends of the int range.
+    ScriptedInputDevice absurd(INT_MAX, INT_MAX, 8);
+    AudioInputDataProviderThread worker(&absurd, 0, 1);
+    EXPECT_EQ(worker.frameCountToByteCount(INT_MAX), INT_MAX);
+    EXPECT_EQ(worker.msToByteCount(3), INT_MAX);
 }
 
 TEST_F(ProviderTest, PrefillIsTheNewestOffsetOfTheRingAndAtMostTheRing)
