@@ -76,7 +76,9 @@ TEST_F(FileInputDeviceTest, HoldsReadsToRealTime)
         ASSERT_TRUE(device.read(&block, 960));   // 20 ms each
     const qint64 elapsed = timer.elapsed();
     EXPECT_GE(elapsed, 2000);
-    EXPECT_LE(elapsed, 2050);
+    // Each of the 100 sleeps may overrun, which is not made up; on cores
+    // shared with other work that adds up to some tens of ms.
+    EXPECT_LE(elapsed, 2120);
     EXPECT_EQ(block, QByteArray(3840, '\0'));   // no file: zeros
     EXPECT_EQ(device.name(), "File Input Device");
 }
