@@ -146,7 +146,7 @@ CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offs
         quil::MutexLocker locker(&m_mutex);
         m_transfers.insert(key, transfer);
         ringBytes = m_ringBuffer.size();
-        prefill = quil::newestBytesOfRing(m_ringBuffer, offset);
+        prefill = quil::newestBytesOfRing(m_ringBuffer, m_ringOldest, offset);
         if (!prefill.isEmpty())
             m_heldFeeds.insert(key, HeldFeed{transfer, {}, false});
     }
@@ -240,7 +240,7 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
     {
         quil::MutexLocker locker(&m_mutex);
         block = m_muted ? silence : captured;
-        quil::shiftIntoRing(&m_ringBuffer, block);
+        quil::shiftIntoRing(&m_ringBuffer, &m_ringOldest, block);
         released = takeReleasedFeeds();
         recipients = recipientsOf(block);
     }

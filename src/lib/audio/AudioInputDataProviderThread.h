@@ -95,7 +95,8 @@ private:
     quint32 m_readSizeFrames;
     bool m_muted = false;
     CMUnbufferedDataTransfer m_liveFeed;
-    QByteArray m_ringBuffer;
+    QByteArray m_ringBuffer;   // circular (see PcmRing_p.h), from m_ringOldest on
+    int m_ringOldest = 0;      // index of the oldest byte, where the next block goes
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
     QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;
