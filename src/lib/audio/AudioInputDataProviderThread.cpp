@@ -236,7 +236,7 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
     const QByteArray& silence = silenceBlock(captured.size());
     QByteArray block;
     QList<HeldFeed> released;
-    QList<CMBufferedDataTransfer> recipients;
+    QVector<CMBufferedDataTransfer> recipients;
     {
         quil::MutexLocker locker(&m_mutex);
         block = m_muted ? silence : captured;
@@ -250,13 +250,16 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
     m_liveFeed.dataAvailable(block);
 }
 
-// The registered feeds that get the block now; held feeds keep it back
-// instead. m_mutex must be held.
-QList<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
+// The registered feeds that get the block now, in the registry's order; held
+// feeds keep it back instead. m_mutex must be held. A vector rather than the
+// list values() gives: a list would allocate every handle on its own, so each
+// feed would cost an allocation per block.
+QVector<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
 {
     if (m_heldFeeds.isEmpty())
-        return m_transfers.values();
-    QList<CMBufferedDataTransfer> recipients;
+        return QVector<CMBufferedDataTransfer>(m_transfers.cbegin(), m_transfers.cend());
+    QVector<CMBufferedDataTransfer> recipients;
+    recipients.reserve(m_transfers.size());
     for (auto it = m_transfers.cbegin(); it != m_transfers.cend(); ++it) {
         const auto held = m_heldFeeds.find(it.key());
         if (held != m_heldFeeds.end())

@@ -9,6 +9,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QSharedPointer>
+#include <QVector>
 
 #include <atomic>
 
@@ -81,7 +82,7 @@ private:
 
     bool captureWhileRunning();
     void distribute(const QByteArray& captured);
-    QList<CMBufferedDataTransfer> recipientsOf(const QByteArray& block);
+    QVector<CMBufferedDataTransfer> recipientsOf(const QByteArray& block);
     QList<HeldFeed> takeReleasedFeeds();
     static void deliverBacklogs(QList<HeldFeed>* feeds);
     void finishTransfersAndClose();
