@@ -16,14 +16,13 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <ctime>
 #include <memory>
 #include <vector>
 
 using namespace quilbench;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Blocks per pass over the capture file, read by each side in every iteration.
 constexpr int PassBlocks = 500;
@@ -83,111 +82,111 @@ BarePcm openBarePcm(const QString& name, snd_pcm_stream_t stream, snd_pcm_uframe
     return configured ? std::move(pcm) : nullptr;
 }
 
-double secondsOf(Clock::duration duration)
+// The library and the bare loop side by side: both run one pass in every
+// iteration, in alternating order, timed by this thread's CPU time, so that
+// the load of a shared machine falls on both alike and time spent in other
+// processes is not counted. The iteration time reported is the library's;
+// the counters give both per block and their ratio.
+class SideBySide
 {
-    return std::chrono::duration<double>(duration).count();
-}
+public:
+    explicit SideBySide(benchmark::State& state) : m_state(state) {}
+    ~SideBySide()
+    {
+        const double blocks = static_cast<double>(m_state.iterations()) * PassBlocks;
+        m_state.counters["library_ns"] = static_cast<double>(m_library.count()) / blocks;
+        m_state.counters["bare_ns"] = static_cast<double>(m_bare.count()) / blocks;
+        m_state.counters["ratio"] = static_cast<double>(m_library.count()) / static_cast<double>(m_bare.count());
+        m_state.SetItemsProcessed(static_cast<int64_t>(blocks));
+    }
 
-// Both sides run in every iteration, in alternating order, so that the load
-// of a shared machine falls on both alike; the iteration time reported is the
-// library's, the counters give both per block and their ratio.
-void reportAgainstBare(benchmark::State& state, Clock::duration library, Clock::duration bare)
-{
-    const double blocks = static_cast<double>(state.iterations()) * PassBlocks;
-    state.counters["library_ns"] = secondsOf(library) * 1e9 / blocks;
-    state.counters["bare_ns"] = secondsOf(bare) * 1e9 / blocks;
-    state.counters["ratio"] = secondsOf(library) / secondsOf(bare);
-    state.SetItemsProcessed(static_cast<int64_t>(blocks));
-}
+    template <class LibraryPass, class BarePass>
+    void run(const LibraryPass& libraryPass, const BarePass& barePass)
+    {
+        const std::chrono::nanoseconds before = m_library;
+        if (m_libraryFirst) {
+            timed(libraryPass, &m_library);
+            timed(barePass, &m_bare);
+        } else {
+            timed(barePass, &m_bare);
+            timed(libraryPass, &m_library);
+        }
+        m_libraryFirst = !m_libraryFirst;
+        m_state.SetIterationTime(std::chrono::duration<double>(m_library - before).count());
+    }
 
-// One pass reads the whole file through each side; the PCMs are opened anew
+private:
+    static std::chrono::nanoseconds threadCpuTime()
+    {
+        timespec now{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    }
+
+    template <class Pass>
+    static void timed(const Pass& pass, std::chrono::nanoseconds* total)
+    {
+        const std::chrono::nanoseconds start = threadCpuTime();
+        for (int i = 0; i < PassBlocks; ++i)
+            pass();
+        *total += threadCpuTime() - start;
+    }
+
+    benchmark::State& m_state;
+    std::chrono::nanoseconds m_library{0};
+    std::chrono::nanoseconds m_bare{0};
+    bool m_libraryFirst = true;
+};
+
+// A pass reads the whole file through each side; the PCMs are opened anew
 // for every pass (the file plugin cannot rewind), outside the measured time.
-// read() gets a new buffer for every block, as the capture worker gives it.
+// read() fills one buffer over and over, like the bare loop; with
+// fresh_buffer it gets a new one for every block, as the capture worker
+// gives it (each block goes to the consumers as a QByteArray of its own), so
+// the allocation is counted too.
 void BM_CaptureReadAgainstBare(benchmark::State& state)
 {
+    const bool freshBuffer = state.range(0) != 0;
     const QString pcmName = "cap_file:INFILE=" + captureFile();
     AlsaInputDevice device(pcmName, SampleRate, Channels, SND_PCM_FORMAT_S16_LE, 10, 100);
     std::vector<char> bareBuffer(BlockBytes);
-    Clock::duration library{}, bare{};
-    bool libraryFirst = true;
+    QByteArray block;
+    SideBySide sides(state);
     for (auto _ : state) {
         BarePcm pcm = openBarePcm(pcmName, SND_PCM_STREAM_CAPTURE, BlockFrames, 10 * BlockFrames, 0);
         if (!pcm || !device.open()) {
             state.SkipWithError("cannot open the capture PCM");
             break;
         }
-        auto readLibrary = [&] {
-            const auto start = Clock::now();
-            for (int i = 0; i < PassBlocks; ++i) {
-                QByteArray block;
+        sides.run(
+            [&] {
+                if (freshBuffer)
+                    block = QByteArray();
                 device.read(&block, BlockFrames);
                 benchmark::DoNotOptimize(block.constData());
-            }
-            library += Clock::now() - start;
-        };
-        auto readBare = [&] {
-            const auto start = Clock::now();
-            for (int i = 0; i < PassBlocks; ++i)
-                benchmark::DoNotOptimize(snd_pcm_readi(pcm.get(), bareBuffer.data(), BlockFrames));
-            bare += Clock::now() - start;
-        };
-        const auto before = library;
-        if (libraryFirst) {
-            readLibrary();
-            readBare();
-        } else {
-            readBare();
-            readLibrary();
-        }
-        libraryFirst = !libraryFirst;
-        state.SetIterationTime(secondsOf(library - before));
+            },
+            [&] { benchmark::DoNotOptimize(snd_pcm_readi(pcm.get(), bareBuffer.data(), BlockFrames)); });
         device.close();
     }
-    reportAgainstBare(state, library, bare);
 }
-BENCHMARK(BM_CaptureReadAgainstBare)->UseManualTime();
+BENCHMARK(BM_CaptureReadAgainstBare)->ArgName("fresh_buffer")->Arg(0)->Arg(1)->UseManualTime();
 
 void BM_PlaybackWriteAgainstBare(benchmark::State& state)
 {
     AlsaOutputDevice device("null", SampleRate, Channels, SND_PCM_FORMAT_S16_LE, 10, 100);
-    if (!device.open()) {
-        state.SkipWithError("cannot open the null PCM");
-        return;
-    }
-    BarePcm pcm = openBarePcm("null", SND_PCM_STREAM_PLAYBACK, device.periodSize(), device.bufferSize(),
-                              device.startThreshold());
+    const BarePcm pcm = device.open() ? openBarePcm("null", SND_PCM_STREAM_PLAYBACK, device.periodSize(),
+                                                    device.bufferSize(), device.startThreshold())
+                                      : nullptr;
     if (!pcm) {
         state.SkipWithError("cannot open the null PCM");
         return;
     }
     const QByteArray block(BlockBytes, '\x5a');
-    Clock::duration library{}, bare{};
-    bool libraryFirst = true;
+    SideBySide sides(state);
     for (auto _ : state) {
-        auto writeLibrary = [&] {
-            const auto start = Clock::now();
-            for (int i = 0; i < PassBlocks; ++i)
-                benchmark::DoNotOptimize(device.write(block));
-            library += Clock::now() - start;
-        };
-        auto writeBare = [&] {
-            const auto start = Clock::now();
-            for (int i = 0; i < PassBlocks; ++i)
-                benchmark::DoNotOptimize(snd_pcm_writei(pcm.get(), block.constData(), BlockFrames));
-            bare += Clock::now() - start;
-        };
-        const auto before = library;
-        if (libraryFirst) {
-            writeLibrary();
-            writeBare();
-        } else {
-            writeBare();
-            writeLibrary();
-        }
-        libraryFirst = !libraryFirst;
-        state.SetIterationTime(secondsOf(library - before));
+        sides.run([&] { benchmark::DoNotOptimize(device.write(block)); },
+                  [&] { benchmark::DoNotOptimize(snd_pcm_writei(pcm.get(), block.constData(), BlockFrames)); });
     }
-    reportAgainstBare(state, library, bare);
 }
 BENCHMARK(BM_PlaybackWriteAgainstBare)->UseManualTime();
 
