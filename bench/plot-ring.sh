@@ -3,11 +3,11 @@
 # the ring's length, before the ring stopped moving its contents
 # (bench/ring-before.dat) and now (the medians of a scripts/bench.sh run).
 # Needs gnuplot (Debian: gnuplot-nox); nothing else uses it.
-# Usage: bench/plot-ring.sh [results.csv]   (default build/bench/results.csv)
+# Usage: bench/plot-ring.sh [results.json]   (default build/bench/results.json)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-results=${1:-build/bench/results.csv}
+results=${1:-build/bench/results.json}
 now=$(mktemp)
 trap 'rm -f "$now"' EXIT
 awk -f bench/ring-cost.awk "$results" | sort -n >"$now"

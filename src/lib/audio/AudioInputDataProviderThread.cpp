@@ -286,8 +286,12 @@ QList<AudioInputDataProviderThread::HeldFeed> AudioInputDataProviderThread::take
     return released;
 }
 
+// Called for every block, nearly always with no feed: the early return spares
+// the allocation that detaching an empty list for the loop would make.
 void AudioInputDataProviderThread::deliverBacklogs(QList<HeldFeed>* feeds)
 {
+    if (feeds->isEmpty())
+        return;
     for (HeldFeed& feed : *feeds) {
         for (const QByteArray& block : qAsConst(feed.backlog))
             feed.transfer.dataAvailable(block);
