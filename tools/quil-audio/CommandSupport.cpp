@@ -46,7 +46,7 @@ void printHelp(const QCommandLineParser& parser, const QString& program, FILE* s
 }
 
 bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
-                      int* status)
+                      int* status, const std::function<bool(QString* error)>& checkOptions)
 {
     const QCommandLineOption help = parser.addHelpOption();
     parser.addOption({{QStringLiteral("v"), QStringLiteral("verbose")},
@@ -61,6 +61,11 @@ bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, 
         return false;
     }
     LibraryLog::configure(parser.isSet(QStringLiteral("verbose")));
+    QString error;
+    if (checkOptions && !checkOptions(&error)) {
+        *status = fail(command, error, ExitUsage);
+        return false;
+    }
     return true;
 }
 

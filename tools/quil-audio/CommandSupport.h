@@ -12,6 +12,7 @@
 #include <alsa/asoundlib.h>
 
 #include <cstdio>
+#include <functional>
 
 class QSocketNotifier;
 
@@ -35,11 +36,12 @@ void printLine(const QString& line);
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream);
 
 /// Adds --help and -v/--verbose, parses `arguments` (the first one is
-/// "quil-audio <command>"), answers --help and routes the library's log.
-/// False when the command must end now with *status: after --help, or after
-/// reporting a parse error.
+/// "quil-audio <command>"), answers --help, routes the library's log and runs
+/// the command's own check of its options, if given. False when the command
+/// must end now with *status: after --help, or after reporting a parse error
+/// or the check's message.
 bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
-                      int* status);
+                      int* status, const std::function<bool(QString* error)>& checkOptions = {});
 
 /// The stream every PCM command describes: -D, -r, -c, -f and -d.
 struct StreamOptions

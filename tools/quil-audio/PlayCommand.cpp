@@ -78,11 +78,9 @@ int PlayCommand::run(const QStringList& arguments)
     parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Raw PCM input; \"-\" is stdin."),
                                  QStringLiteral("[file]"));
     int status = ExitOk;
-    if (!parseCommandLine(parser, arguments, Command, &status))
+    if (!parseCommandLine(parser, arguments, Command, &status,
+                          [&](QString* error) { return readOptions(parser, error); }))
         return status;
-    QString error;
-    if (!readOptions(parser, &error))
-        return fail(Command, error, ExitUsage);
 
     SignalWatcher signalWatcher;
     status = openSource();

@@ -85,11 +85,9 @@ int RecordCommand::run(const QStringList& arguments)
     parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Raw PCM output; \"-\" is stdout."),
                                  QStringLiteral("[file]"));
     int status = ExitOk;
-    if (!parseCommandLine(parser, arguments, Command, &status))
+    if (!parseCommandLine(parser, arguments, Command, &status,
+                          [&](QString* error) { return readOptions(parser, error); }))
         return status;
-    QString error;
-    if (!readOptions(parser, &error))
-        return fail(Command, error, ExitUsage);
     status = openSource();
     if (status == ExitOk)
         status = openSink();
