@@ -1,0 +1,73 @@
+#include "AudioInputDataProvider.h"
+
+#include "AudioInputDataProviderThread.h"
+#include "AudioLog_p.h"
+#include "Synchronization_p.h"
+#include "quil.h"
+
+QUIL_AUDIO_DEFINE_LOGGER();
+
+AudioInputDataProvider::AudioInputDataProvider(AudioInputDevice* device, unsigned int bufferDurationMs,
+                                               unsigned int oneReadSizeFrames)
+{
+    QUIL_TRACE_ENTRY();
+    m_thread = createInNewQThread<AudioInputDataProviderThread>(QStringLiteral("AudioInputT"), device,
+                                                                bufferDurationMs, oneReadSizeFrames);
+}
+
+// The worker's thread is blocked while a capture run is in progress, so the
+// deletion and the quit take effect only once that run has finished its
+// transfers and closed the device. The worker is deleted in its own thread,
+// before wait() returns; the thread object deletes itself later through the
+// event loop of the thread that created it.
+AudioInputDataProvider::~AudioInputDataProvider()
+{
+    QThread* thread = m_thread->thread();
+    m_thread->stop();
+    quil::publishHandOff(m_thread);
+    m_thread->deleteLater();
+    thread->quit();
+    thread->wait();
+}
+
+void AudioInputDataProvider::start()
+{
+    QUIL_TRACE_ENTRY();
+    m_thread->start();
+}
+
+void AudioInputDataProvider::stop()
+{
+    QUIL_TRACE_ENTRY();
+    m_thread->stop();
+}
+
+void AudioInputDataProvider::setMuteState(bool muted)
+{
+    QUIL_TRACE_ENTRY();
+    m_thread->setMuteState(muted);
+}
+
+bool AudioInputDataProvider::isMuted() const
+{
+    QUIL_TRACE_ENTRY();
+    return m_thread->isMuted();
+}
+
+const AudioInputDevice& AudioInputDataProvider::audioDevice() const
+{
+    QUIL_TRACE_ENTRY();
+    return m_thread->audioDevice();
+}
+
+CMUnbufferedDataTransfer AudioInputDataProvider::liveFeed() const
+{
+    QUIL_TRACE_ENTRY();
+    return m_thread->liveFeed();
+}
+
+CMBufferedDataTransfer AudioInputDataProvider::liveFeedWithOffset(int offsetMs)
+{
+    QUIL_TRACE_ENTRY();
+    return m_thread->liveFeedWithOffset(offsetMs);
+}

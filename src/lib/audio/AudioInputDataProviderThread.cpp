@@ -1,0 +1,311 @@
+#include "AudioInputDataProviderThread.h"
+
+#include "AudioLog_p.h"
+#include "PcmRing_p.h"
+#include "Synchronization_p.h"
+
+#include <QCoreApplication>
+#include <QEvent>
+#include <QTimer>
+
+QUIL_AUDIO_DEFINE_LOGGER();
+
+namespace quil {
+
+// What a time-shifted feed's finish callback knows of the worker. Transfers
+// can outlive the worker (it may be destroyed without a capture run having
+// finished them: never started, after a failed open, with a restart pending),
+// and whoever holds them may finish them at any time afterwards, on any
+// thread. The callback therefore reaches the worker only through this link,
+// holding the link's mutex while it does; the worker's destructor clears the
+// pointer under the same mutex, so a late callback finds it null and does
+// nothing. Lock order: link mutex before the worker's m_mutex.
+struct WorkerLink
+{
+    QMutex mutex;
+    AudioInputDataProviderThread* worker;
+};
+
+} // namespace quil
+
+namespace {
+
+constexpr int RestartDelayMs = 2000;
+
+// Muting delivers this one zero block, shared by every provider of the
+// process; it is sized by the first successful read anywhere and never
+// resized, so muting never allocates.
+const QByteArray& silenceBlock(int firstBlockSize)
+{
+    static const QByteArray silence(firstBlockSize, '\0');
+    return silence;
+}
+
+} // namespace
+
+AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* device,
+                                                           unsigned int bufferDurationMs,
+                                                           unsigned int oneReadSizeFrames)
+    : QObject(nullptr)
+    , m_device(device)
+    , m_readSizeFrames(oneReadSizeFrames)
+    , m_liveFeed()
+    , m_ringBuffer(msToByteCount(static_cast<int>(bufferDurationMs)), '\0')
+    , m_link(new quil::WorkerLink{{}, this})
+{
+    Q_ASSERT(oneReadSizeFrames > 0);
+    if (bufferDurationMs != 0)
+        Q_ASSERT(m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames));
+}
+
+// Runs in the worker thread, which the provider has stopped and whose event
+// loop has quit.
+//
+// A capture run that start() queued just before the provider was destroyed
+// may still sit unhandled in the thread's event queue when the loop quits.
+// It is carried out here rather than dropped, so that start() always has its
+// effect: with the run flag clear the run goes straight to its closing step
+// (every transfer and the live feed finished, the device closed). Consumers
+// can thus rely on a started provider finishing their feeds when it goes.
+//
+// Feeds still registered are then released unfinished, and their callbacks
+// are detached from this object (see WorkerLink).
+AudioInputDataProviderThread::~AudioInputDataProviderThread()
+{
+    quil::acceptHandOff(this);   // published by the provider before deleteLater()
+    m_running = false;
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    quil::MutexLocker locker(&m_link->mutex);
+    m_link->worker = nullptr;
+}
+
+void AudioInputDataProviderThread::start()
+{
+    QUIL_TRACE_ENTRY();
+    m_running = true;
+    quil::publishHandOff(this);
+    // Queued by name, not by member pointer: the pointer form would allocate
+    // here, after the hand-over point, a slot object that the worker thread
+    // reads in code compiled into this library, which the thread sanitizer
+    // cannot tell apart from a race (see Synchronization_p.h).
+    QTimer::singleShot(0, this, SLOT(on_dataProvider_started()));
+}
+
+void AudioInputDataProviderThread::stop()
+{
+    QUIL_TRACE_ENTRY();
+    m_running = false;
+}
+
+void AudioInputDataProviderThread::setMuteState(bool muted)
+{
+    quil::MutexLocker locker(&m_mutex);
+    m_muted = muted;
+}
+
+bool AudioInputDataProviderThread::isMuted() const
+{
+    quil::MutexLocker locker(&m_mutex);
+    return m_muted;
+}
+
+const AudioInputDevice& AudioInputDataProviderThread::audioDevice() const
+{
+    return *m_device;
+}
+
+CMUnbufferedDataTransfer AudioInputDataProviderThread::liveFeed() const
+{
+    return m_liveFeed;
+}
+
+// The prefill must reach the feed before any block captured after it, and no
+// transfer may be called under m_mutex (its finish callback takes the lock).
+// So a feed with a prefill is registered as held, under the same lock as the
+// ring is copied: the capture loop keeps back the blocks it captures for a
+// held feed, while this thread hands over the prefill. Once it has, it marks
+// the feed released, and the capture loop delivers the kept blocks before
+// its next block (or before finishing the feed on stop). Every block is thus
+// in the prefill, kept back, or delivered directly, exactly once and in order;
+// and the requesting thread's work stays one call, however fast capture runs.
+CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offsetMs)
+{
+    CMBufferedDataTransfer transfer;
+    const unsigned int key = qHash(transfer);
+    const QSharedPointer<quil::WorkerLink> link = m_link;
+    transfer.onFinished([link, key](const CMError&) {
+        quil::MutexLocker locker(&link->mutex);
+        if (link->worker)
+            link->worker->forgetFeed(key);
+    });
+
+    const int offset = msToByteCount(offsetMs);
+    QByteArray prefill;
+    int ringBytes = 0;
+    {
+        quil::MutexLocker locker(&m_mutex);
+        m_transfers.insert(key, transfer);
+        ringBytes = m_ringBuffer.size();
+        prefill = quil::newestBytesOfRing(m_ringBuffer, offset);
+        if (!prefill.isEmpty())
+            m_heldFeeds.insert(key, HeldFeed{transfer, {}, false});
+    }
+    if (offset > ringBytes) {
+        LOG4CPLUS_WARN(logger, "Requested offset '" << offset << "' calculated from offsetMs '" << offsetMs
+                                                    << "' is bigger than the amount of data in the buffer: "
+                                                    << ringBytes);
+    }
+    if (!prefill.isEmpty()) {
+        transfer.dataAvailable(prefill);
+        releaseHeldFeed(key);
+    }
+    return transfer;
+}
+
+void AudioInputDataProviderThread::releaseHeldFeed(unsigned int key)
+{
+    quil::MutexLocker locker(&m_mutex);
+    const auto held = m_heldFeeds.find(key);
+    if (held != m_heldFeeds.end())   // else finished meanwhile
+        held->prefillDelivered = true;
+}
+
+void AudioInputDataProviderThread::forgetFeed(unsigned int key)
+{
+    quil::MutexLocker locker(&m_mutex);
+    m_transfers.remove(key);
+    m_heldFeeds.remove(key);
+}
+
+int AudioInputDataProviderThread::frameCountToByteCount(int frames) const
+{
+    return m_device->channelCount() * frames * m_device->bytesPerSample();
+}
+
+int AudioInputDataProviderThread::msToByteCount(int ms) const
+{
+    const qint64 bytesPerSecond = m_device->bytesPerSample() * (m_device->sampleRate() * m_device->channelCount());
+    // 64 bits only keep out-of-range durations from overflowing; in range the
+    // result equals the 32-bit computation.
+    const int bytes = static_cast<int>(ms * bytesPerSecond / 1000);
+    const int frameBytes = frameCountToByteCount(1);
+    return frameBytes > 0 ? bytes - bytes % frameBytes : bytes;
+}
+
+int AudioInputDataProviderThread::ringSize() const
+{
+    quil::MutexLocker locker(&m_mutex);
+    return m_ringBuffer.size();
+}
+
+void AudioInputDataProviderThread::on_dataProvider_started()
+{
+    quil::acceptHandOff(this);   // published by start()
+    LOG4CPLUS_TRACE(logger, "Starting Audio Data Provider, read size: " << m_readSizeFrames
+                                                                        << ", buffer duration: " << ringSize());
+    if (m_running) {
+        if (!m_device->open()) {
+            LOG4CPLUS_ERROR(logger, "Unable to open audio input device: " << m_device->name());
+            return;
+        }
+        if (!captureWhileRunning())
+            return;
+    }
+    finishTransfersAndClose();
+}
+
+// False when a read failed; a new run is then scheduled and the device stays
+// open, which the next run's open() accepts.
+bool AudioInputDataProviderThread::captureWhileRunning()
+{
+    while (m_running) {
+        QByteArray block;
+        if (!m_device->read(&block, static_cast<int>(m_readSizeFrames))) {
+            LOG4CPLUS_ERROR(logger, "Error while reading the input device, restarting provider in "
+                                        << RestartDelayMs << " ms");
+            QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this, SLOT(on_dataProvider_started()));
+            return false;
+        }
+        distribute(block);
+    }
+    return true;
+}
+
+void AudioInputDataProviderThread::distribute(const QByteArray& captured)
+{
+    const QByteArray& silence = silenceBlock(captured.size());
+    QByteArray block;
+    QList<HeldFeed> released;
+    QList<CMBufferedDataTransfer> recipients;
+    {
+        quil::MutexLocker locker(&m_mutex);
+        block = m_muted ? silence : captured;
+        quil::shiftIntoRing(&m_ringBuffer, block);
+        released = takeReleasedFeeds();
+        recipients = recipientsOf(block);
+    }
+    deliverBacklogs(&released);
+    for (CMBufferedDataTransfer& feed : recipients)
+        feed.dataAvailable(block);
+    m_liveFeed.dataAvailable(block);
+}
+
+// The registered feeds that get the block now; held feeds keep it back
+// instead. m_mutex must be held.
+QList<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
+{
+    if (m_heldFeeds.isEmpty())
+        return m_transfers.values();
+    QList<CMBufferedDataTransfer> recipients;
+    for (auto it = m_transfers.cbegin(); it != m_transfers.cend(); ++it) {
+        const auto held = m_heldFeeds.find(it.key());
+        if (held != m_heldFeeds.end())
+            held->backlog.append(block);
+        else
+            recipients.append(it.value());
+    }
+    return recipients;
+}
+
+// Removes the held feeds whose prefill has been handed over, with the blocks
+// kept back for them. m_mutex must be held.
+QList<AudioInputDataProviderThread::HeldFeed> AudioInputDataProviderThread::takeReleasedFeeds()
+{
+    QList<HeldFeed> released;
+    for (auto it = m_heldFeeds.begin(); it != m_heldFeeds.end();) {
+        if (it->prefillDelivered) {
+            released.append(*it);
+            it = m_heldFeeds.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return released;
+}
+
+void AudioInputDataProviderThread::deliverBacklogs(QList<HeldFeed>* feeds)
+{
+    for (HeldFeed& feed : *feeds) {
+        for (const QByteArray& block : qAsConst(feed.backlog))
+            feed.transfer.dataAvailable(block);
+    }
+}
+
+// Each feed leaves the registry through its own finish callback. Blocks kept
+// back for a released feed reach it first, so that a stop loses none.
+void AudioInputDataProviderThread::finishTransfersAndClose()
+{
+    LOG4CPLUS_TRACE(logger, "Data provider thread finished on demand, closing transfers");
+    QList<HeldFeed> released;
+    QList<CMBufferedDataTransfer> feeds;
+    {
+        quil::MutexLocker locker(&m_mutex);
+        released = takeReleasedFeeds();
+        feeds = m_transfers.values();
+    }
+    deliverBacklogs(&released);
+    for (CMBufferedDataTransfer& feed : feeds)
+        feed.finish(CMError());
+    m_liveFeed.finish(CMError());
+    m_device->close();
+}

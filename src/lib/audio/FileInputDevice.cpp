@@ -1,0 +1,124 @@
+#include "FileInputDevice.h"
+
+#include "AudioLog_p.h"
+#include "Synchronization_p.h"
+#include "PcmFormat_p.h"
+
+#include <unistd.h>
+
+QUIL_AUDIO_DEFINE_LOGGER();
+
+FileInputDevice::FileInputDevice(int sampleRate, int channelCount, _snd_pcm_format format)
+    : m_sampleRate(sampleRate)
+    , m_channelCount(channelCount)
+    , m_format(format)
+{
+}
+
+FileInputDevice::~FileInputDevice() = default;
+
+bool FileInputDevice::open()
+{
+    m_timer.restart();
+    return true;
+}
+
+void FileInputDevice::close()
+{
+}
+
+bool FileInputDevice::isOpened()
+{
+    return true;
+}
+
+bool FileInputDevice::read(QByteArray* buffer, int frameCount)
+{
+    const int frameBytes = bytesPerSample() * m_channelCount;
+    buffer->fill(0, frameBytes * frameCount);
+    const qint64 missing = readFileInto(buffer);
+    if (missing < 0)
+        return false;
+
+    // A format without a width gives empty frames: count the block as full.
+    const qint64 framesRead = frameBytes > 0 ? frameCount - missing / frameBytes : frameCount;
+    const int durationMs = m_sampleRate > 0 ? static_cast<int>(1000 * framesRead / m_sampleRate) : 0;
+    LOG4CPLUS_TRACE(logger, "Time duration for this buffer: " << durationMs << " ms");
+    pace(durationMs);
+    return true;
+}
+
+// Fills the buffer from the file under the lock and returns how many of its
+// bytes the file could not supply (they stay zero), or -1 on a read error.
+qint64 FileInputDevice::readFileInto(QByteArray* buffer)
+{
+    const qint64 blockBytes = buffer->size();
+    qint64 remaining = blockBytes;
+    quil::MutexLocker locker(&m_mutex);
+    while (remaining >= 1) {
+        if (!m_file.isOpen())
+            return 0;   // no file: the zero block counts as delivered in full
+        const qint64 got = m_file.read(buffer->data() + (blockBytes - remaining), remaining);
+        if (got == 0) {
+            LOG4CPLUS_INFO(logger, "No more data to read");
+            m_file.close();
+            break;
+        }
+        if (got < 0) {
+            LOG4CPLUS_ERROR(logger, "Error reading from file");
+            m_file.close();
+            return -1;
+        }
+        remaining -= got;
+    }
+    return remaining;
+}
+
+// Only the time between reads counts towards the lag, not the sleep itself, so
+// an oversleep is not made up later.
+void FileInputDevice::pace(int durationMs)
+{
+    // Reading before open() (which starts the timer) counts as no time passed.
+    m_lagMs += m_timer.isValid() ? m_timer.elapsed() : 0;
+    if (m_lagMs < durationMs) {
+        const qint64 sleepMs = durationMs - m_lagMs;
+        LOG4CPLUS_TRACE(logger, "Simulating live feed by sleeping for " << sleepMs << " ms");
+        usleep(static_cast<useconds_t>(sleepMs * 1000));
+        m_lagMs = 0;
+    } else {
+        m_lagMs -= durationMs;
+    }
+    m_timer.restart();
+}
+
+int FileInputDevice::sampleRate() const
+{
+    return m_sampleRate;
+}
+
+int FileInputDevice::bytesPerSample() const
+{
+    return quil::bytesPerSampleOf(m_format);
+}
+
+int FileInputDevice::channelCount() const
+{
+    return m_channelCount;
+}
+
+QString FileInputDevice::name() const
+{
+    return QStringLiteral("File Input Device");
+}
+
+bool FileInputDevice::playFile(const QString& path)
+{
+    LOG4CPLUS_INFO(logger, "Playing file: " << path);
+    quil::MutexLocker locker(&m_mutex);
+    m_file.close();
+    m_file.setFileName(path);
+    const bool opened = m_file.open(QIODevice::ReadOnly);
+    if (!opened)
+        LOG4CPLUS_ERROR(logger, "Cannot open file: " << path);
+    return opened;
+}

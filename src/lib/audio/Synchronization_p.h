@@ -1,0 +1,60 @@
+#pragma once
+
+// Qt 5's QtCore is not built for ThreadSanitizer: its QMutex waits on futexes
+// and its posted events travel through such mutexes, so the tool cannot see
+// that a contended lock or a queued call orders two threads, and reports
+// races that are none. The library's own synchronisation goes through the
+// helpers below, which in sanitizer builds tell the tool what Qt guarantees,
+// and compile to plain Qt code elsewhere.
+
+#include <QMutex>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace quil {
+
+// Everything the calling thread did so far happens before whatever follows
+// acceptHandOff(key) in the thread that a queued call or deletion reaches.
+inline void publishHandOff(const void* key)
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_release(const_cast<void*>(key));
+#else
+    Q_UNUSED(key);
+#endif
+}
+
+inline void acceptHandOff(const void* key)
+{
+#if defined(__SANITIZE_THREAD__)
+    __tsan_acquire(const_cast<void*>(key));
+#else
+    Q_UNUSED(key);
+#endif
+}
+
+// QMutexLocker for the library's own mutexes.
+class MutexLocker
+{
+public:
+    explicit MutexLocker(QMutex* mutex)
+        : m_mutex(mutex)
+    {
+        m_mutex->lock();
+        acceptHandOff(m_mutex);
+    }
+    ~MutexLocker()
+    {
+        publishHandOff(m_mutex);
+        m_mutex->unlock();
+    }
+    MutexLocker(const MutexLocker&) = delete;
+    MutexLocker& operator=(const MutexLocker&) = delete;
+
+private:
+    QMutex* m_mutex;
+};
+
+} // namespace quil
