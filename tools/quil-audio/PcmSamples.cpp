@@ -107,7 +107,9 @@ QString dbfsText(double peak)
 {
     if (!(peak > 0))
         return QStringLiteral("-inf");
-    return QString::number(20.0 * std::log10(peak), 'f', 1);
+    const double tenths = std::round(20.0 * std::log10(peak) * 10.0);
+    // Full scale reads "0.0", not "-0.0".
+    return QString::number(tenths == 0 ? 0.0 : tenths / 10.0, 'f', 1);
 }
 
 ToneGenerator::ToneGenerator(double frequencyHz, unsigned int rate, int channels, snd_pcm_format_t format)

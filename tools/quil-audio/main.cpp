@@ -4,6 +4,7 @@
 #include "CommandSupport.h"
 #include "MixerCommand.h"
 #include "PlayCommand.h"
+#include "RecordCommand.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -17,6 +18,7 @@ namespace {
 const char* const Usage =
     "Captures, plays and controls audio through libquil_audio.\n"
     "Commands (each has --help):\n"
+    "  record   capture from an ALSA PCM or a raw file into a raw file or stdout\n"
     "  play     play raw PCM or a tone to an ALSA PCM or a raw file\n"
     "  mixer    list, get, set and watch mixer elements";
 
@@ -35,7 +37,7 @@ int main(int argc, char** argv)
     // -v means --verbose in every command, so the version has the long form only.
     const QCommandLineOption version(QStringLiteral("version"), QStringLiteral("Displays version information."));
     parser.addOption(version);
-    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("play or mixer."));
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("record, play or mixer."));
     // Everything after the command belongs to the command's own parser.
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
     if (!parser.parse(QCoreApplication::arguments())) {
@@ -55,10 +57,12 @@ int main(int argc, char** argv)
 
     const QString command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
+    if (command == QLatin1String("record"))
+        return quilaudio::RecordCommand().run(arguments);
     if (command == QLatin1String("play"))
         return quilaudio::PlayCommand().run(arguments);
     if (command == QLatin1String("mixer"))
         return quilaudio::MixerCommand().run(arguments);
-    std::fprintf(stderr, "quil-audio: unknown command '%s' (play or mixer)\n", qPrintable(command));
+    std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play or mixer)\n", qPrintable(command));
     return quilaudio::ExitUsage;
 }
