@@ -102,6 +102,13 @@ level() {
         awk '{ sum += $1 * $1; n++ } END { if (sum == 0) print "-inf"; else printf "%.1f", 10 * log(sum / n / 32768 / 32768) / log(10) }'
 }
 
+# onset FILE: seconds until the first sample clearly above silence.
+onset() {
+    od -An -v -td2 -w2 "$1" |
+        awk -v r="$rate" '$1 > 300 || $1 < -300 { printf "%.3f", int((NR - 1) / 2) / r; found = 1; exit }
+                          END { if (!found) print "never" }'
+}
+
 if has_sound_card; then
     pcm=default mixer=default
     echo "== Using the sound card's default devices"
@@ -138,8 +145,9 @@ echo
 echo "== Summary"
 echo "  played:        $(tail -n 1 "$work/play.log")"
 echo "  recorded:      $(tail -n 1 "$work/record.log")"
-echo "  level (RMS):   pre-roll 0-0.25 s $(level "$work/capture.raw" 0 0.25) dBFS," \
+echo "  pre-roll:      the tone starts $(onset "$work/capture.raw") s into the recording"
+echo "  level (RMS):   0-0.25 s $(level "$work/capture.raw" 0 0.25) dBFS," \
      "before the change 0.5-1.4 s $(level "$work/capture.raw" 0.5 1.4) dBFS," \
      "after it 2.0-3.0 s $(level "$work/capture.raw" 2.0 3.0) dBFS"
-echo "  mixer watch:   $(grep -c '^changed' "$work/watch.log") change(s) reported, last:" \
+echo "  mixer watch:   $(grep -c '^changed' "$work/watch.log") change signal(s), last:" \
      "$(grep '^changed' "$work/watch.log" | tail -n 1)"
