@@ -13,12 +13,23 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/initializer.h>
+#include <log4cplus/logger.h>
+
 #include <atomic>
 #include <cstdio>
 
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
+    // The library logs to the log4cplus logger "AudioLib"; where that goes is
+    // the host's choice: here, warnings and errors go to stderr.
+    log4cplus::Initializer logInitializer;
+    log4cplus::Logger audioLog = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("AudioLib"));
+    audioLog.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::ConsoleAppender(true)));
+    audioLog.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+
     QTemporaryDir dir;
     constexpr int Rate = 8000;
     constexpr int Channels = 1;

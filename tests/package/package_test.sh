@@ -25,7 +25,7 @@ cmake --build "$work/cmake" -j2 >/dev/null
 echo "== pkg-config"
 # shellcheck disable=SC2046 # the flags are meant to split
 g++ -std=c++17 -o "$work/pc_example" "$source/examples/quil_audio_example.cpp" \
-    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quil_audio) -Wl,-rpath,"$libdir"
+    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quil_audio log4cplus) -Wl,-rpath,"$libdir"
 "$work/pc_example"
 
 echo "== installed tool"
