@@ -83,7 +83,7 @@ qint64 StreamOptions::durationFrames() const
 void addStreamOptions(QCommandLineParser& parser)
 {
     parser.addOptions({
-        {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA PCM name."),
+        {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA PCM name (default)."),
          QStringLiteral("name"), QStringLiteral("default")},
         {{QStringLiteral("r"), QStringLiteral("rate")}, QStringLiteral("Sample rate in Hz (48000)."),
          QStringLiteral("hz")},
@@ -92,7 +92,7 @@ void addStreamOptions(QCommandLineParser& parser)
         {{QStringLiteral("f"), QStringLiteral("format")},
          QStringLiteral("Sample format by its ALSA name (S16_LE)."), QStringLiteral("format")},
         {{QStringLiteral("d"), QStringLiteral("duration")},
-         QStringLiteral("Seconds to run (fractions allowed); default: until the input ends or Ctrl-C."),
+         QStringLiteral("Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
          QStringLiteral("seconds")},
     });
 }

@@ -308,10 +308,8 @@ void RecordCommand::showProgress()
     QString text = m_armed ? QStringLiteral("armed    ")
                            : QStringLiteral("recording %1").arg(secondsText(m_framesWritten, m_stream.rate));
     for (double peak : qAsConst(peaks))
-        text += QStringLiteral("  %1 %2").arg(dbfsText(peak), 5).arg(meterBar(peak));
-    if (m_provider->isMuted())
-        text += QStringLiteral("  MUTED");
-    m_progress.show(text + QStringLiteral("  dBFS"));
+        text += QStringLiteral("  %1 dBFS %2").arg(dbfsText(peak), 5).arg(meterBar(peak));
+    m_progress.show(text + (m_provider->isMuted() ? QStringLiteral("  MUTED") : QString()));
 }
 
 QString RecordCommand::summary() const
