@@ -31,6 +31,7 @@ const char* const Usage =
     "peaks at or above that level. --pre-roll-ms starts the output that much audio before\n"
     "that moment, taken from the ring buffer (--ring-ms); with a trigger it counts back from\n"
     "the end of the block that fired it. Audio from before the capture started is silence.\n"
+    "-d counts the whole output, the pre-roll included.\n"
     "--mute records silence; SIGUSR1 toggles muting. Ctrl-C ends the recording. On a terminal\n"
     "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
     "stderr sums up frames, peaks and capture errors.";
