@@ -312,6 +312,9 @@ TEST_F(ProviderTest, BlockKeptBackDuringThePrefillStillArrivesWhenCaptureStops)
         liveMayEnd.wait();
     });
     provider.start();
+    // The run logs as it starts; it must be waiting in its first read before
+    // the request blocks every other thread's logging in the hook.
+    ASSERT_TRUE(waitUntil([&] { return device.reads == 1; }));
 
     auto request = std::async(std::launch::async, [&] { return provider.liveFeedWithOffset(150); });
     requestWarned.get_future().wait();   // registered, prefill not handed over yet
