@@ -137,19 +137,25 @@ int MixerCommand::run(const QStringList& arguments)
     if (m_playbackAsked && m_captureAsked)
         return fail(Command, QStringLiteral("--playback and --capture exclude each other"), ExitUsage);
 
-    const bool needsOneName = action == QLatin1String("get") || action == QLatin1String("set");
-    if (action == QLatin1String("list") && names.isEmpty())
-        return openCard() == ExitOk ? list() : ExitFailed;
-    if (needsOneName && names.size() == 1)
-        return openCard() == ExitOk ? (action == QLatin1String("get") ? get(names[0]) : set(parser, names[0])) : ExitFailed;
-    if (action == QLatin1String("watch"))
-        return openCard() == ExitOk ? watch(names, count) : ExitFailed;
-    if (needsOneName || action == QLatin1String("list"))
-        return fail(Command, QStringLiteral("'%1' takes %2").arg(action, needsOneName ? QStringLiteral("one element name") : QStringLiteral("no name")),
+    const bool named = action == QLatin1String("get") || action == QLatin1String("set");
+    if (!named && action != QLatin1String("list") && action != QLatin1String("watch"))
+        return fail(Command, action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
+                                              : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action),
                     ExitUsage);
-    return fail(Command, action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
-                                          : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action),
-                ExitUsage);
+    if (named ? names.size() != 1 : action == QLatin1String("list") && !names.isEmpty())
+        return fail(Command, QStringLiteral("'%1' takes %2").arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
+                    ExitUsage);
+
+    status = openCard();
+    if (status != ExitOk)
+        return status;
+    if (action == QLatin1String("list"))
+        return list();
+    if (action == QLatin1String("get"))
+        return get(names[0]);
+    if (action == QLatin1String("set"))
+        return set(parser, names[0]);
+    return watch(names, count);
 }
 
 int MixerCommand::openCard()
