@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034 # the lists are used by the scripts that source this file
 # Debian packages the project needs, and their installation; sourced by the
 # scripts in scripts/.
 
