@@ -3,11 +3,17 @@
 # several times, printing the median of each figure as a table. Means,
 # medians and deviations go to build/bench/results.json (bench/plot-ring.sh
 # draws the ring figure from it). Takes about three minutes, of which the
-# memory run is one; run it on an otherwise idle machine.
+# memory run is one; run it on an otherwise idle machine. On a fresh Debian 12
+# machine run as root, it first installs the Debian packages it needs.
 # Usage: scripts/bench.sh [benchmark flags, e.g. --benchmark_filter=Distribution]
 # QUIL_BENCH_REPETITIONS sets the repetitions (default 5).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+# shellcheck source=scripts/lib/packages.sh
+source scripts/lib/packages.sh
+# The benchmarks use the tests' ALSA configuration, so the tests are configured too.
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" libgtest-dev libbenchmark-dev
 
 build=build/bench
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null

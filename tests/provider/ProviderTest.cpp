@@ -355,8 +355,8 @@ TEST_F(ProviderTest, BlockKeptBackDuringThePrefillStillArrivesWhenCaptureStops)
         liveMayEnd.wait();
     });
     provider.start();
-    // The run's start line must be out before the warning blocks: log4cplus
-    // holds its appender lock while the hook waits.
+    // The run logs as it starts; it must be waiting in its first read before
+    // the request blocks every other thread's logging in the hook.
     ASSERT_TRUE(waitUntil([&] { return device.reads == 1; }));
 
     auto request = std::async(std::launch::async, [&] { return provider.liveFeedWithOffset(150); });

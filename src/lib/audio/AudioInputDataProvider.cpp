@@ -28,6 +28,7 @@ AudioInputDataProvider::~AudioInputDataProvider()
     m_thread->deleteLater();
     thread->quit();
     thread->wait();
+    quil::acceptHandOff(thread);   // published as the worker's destructor ends
 }
 
 void AudioInputDataProvider::start()

@@ -75,8 +75,14 @@ AudioInputDataProviderThread::~AudioInputDataProviderThread()
     quil::acceptHandOff(this);   // published by the provider before deleteLater()
     m_running = false;
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
-    quil::MutexLocker locker(&m_link->mutex);
-    m_link->worker = nullptr;
+    {
+        quil::MutexLocker locker(&m_link->mutex);
+        m_link->worker = nullptr;
+    }
+    // Everything this thread did, the capture run's use of the device
+    // included, is over: the provider waiting for the thread may now let the
+    // device go (accepted after QThread::wait()).
+    quil::publishHandOff(thread());
 }
 
 void AudioInputDataProviderThread::start()
