@@ -1,6 +1,7 @@
 # Installs both libraries, their public headers (internal *_p.h headers stay
 # behind), a CMake package (find_package(QuilAudio), targets QuilAudio::quil_audio
-# and QuilAudio::quil_api) and a pkg-config file (quil_audio).
+# and QuilAudio::quil_api) and a pkg-config file (quil_audio). The quil-audio
+# tool installs itself (tools/CMakeLists.txt).
 include(CMakePackageConfigHelpers)
 
 set(QUIL_AUDIO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QuilAudio)
@@ -26,5 +27,6 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/QuilAudioConfigVersion.cm
 install(FILES ${PROJECT_BINARY_DIR}/QuilAudioConfig.cmake ${PROJECT_BINARY_DIR}/QuilAudioConfigVersion.cmake
     DESTINATION ${QUIL_AUDIO_CMAKE_DIR})
 
+file(RELATIVE_PATH QUIL_AUDIO_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/quil_audio.pc.in ${PROJECT_BINARY_DIR}/quil_audio.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quil_audio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

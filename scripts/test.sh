@@ -9,29 +9,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(
-    cmake ninja-build g++ pkg-config
-    qtbase5-dev libasound2-dev liblog4cplus-dev libgtest-dev libbenchmark-dev
-    alsa-utils libasound2-plugins pulseaudio pulseaudio-utils
-)
-
-install_missing_packages() {
-    local missing=() package
-    for package in "${packages[@]}"; do
-        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" \
-            || missing+=("$package")
-    done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    if [ "$(id -u)" -ne 0 ]; then
-        echo "Missing Debian packages: ${missing[*]}" >&2
-        echo "Install them with: sudo apt-get install ${missing[*]}" >&2
-        exit 1
-    fi
-    echo "Installing: ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-}
+# shellcheck source=scripts/lib/packages.sh
+source scripts/lib/packages.sh
 
 # run_suite NAME "CTEST ARGS" [CMAKE ARGS...]
 run_suite() {
@@ -43,7 +22,8 @@ run_suite() {
     (cd "build/$name" && ctest --output-on-failure $ctest_args)
 }
 
-install_missing_packages
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" \
+    libgtest-dev libbenchmark-dev
 
 run_suite test ""
 [ "${1:-}" = "--quick" ] && exit 0

@@ -23,6 +23,7 @@
 
 #include <climits>
 #include <future>
+#include <random>
 
 using namespace quiltest;
 using log4cplus::ERROR_LOG_LEVEL;
@@ -269,6 +270,48 @@ TEST_F(ProviderTest, MutedCaptureDeliversAndRingsOnlyTheSilenceBlock)
     EXPECT_TRUE(live.blocks().last() == device.frames(nextFrame, 120));
     provider.stop();
     device.openGate();
+}
+
+// The ring as it was first written, a run of bytes that every block shifts,
+// against the real worker: the same random blocks (shorter and longer than
+// the ring), muted and not, and after each block prefills at random offsets
+// (0, negative, beyond the ring) must give the same bytes.
+TEST_F(ProviderTest, RingGivesTheSamePrefillsAsShiftingBytes)
+{
+    for (const unsigned int ringMs : {0u, 10u, 30u}) {
+        SCOPED_TRACE(ringMs);
+        std::mt19937 random(ringMs);
+        auto uniform = [&](int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); };
+        const int ringFrames = ringMs * 48;
+        ScriptedInputDevice device;
+        for (int i = 0; i < 40; ++i)
+            device.framesPerRead << (i == 7 ? ringFrames : uniform(1, qMax(600, ringFrames * 3 / 2)));
+        device.closeGate();
+        AudioInputDataProvider provider(&device, ringMs, 1);
+        FeedRecorder live(provider.liveFeed());
+        QByteArray model(ringMs * 192, '\0');
+        provider.start();
+        for (int i = 0; i < device.framesPerRead.size(); ++i) {
+            const bool muted = uniform(0, 3) == 0;
+            provider.setMuteState(muted);
+            const int first = device.deliveredFrames + 1;
+            device.permit(1);
+            ASSERT_TRUE(waitUntil([&] { return live.blockCount() == i + 1; }));
+            const QByteArray block =
+                muted ? QByteArray(SilenceBytes, '\0') : device.frames(first, device.framesPerRead.at(i));
+            if (!model.isEmpty())
+                model = model.remove(0, block.size()) + block;
+            for (const int offsetMs : {uniform(-5, 60), uniform(0, ringMs + 1), 0}) {
+                CMBufferedDataTransfer feed = provider.liveFeedWithOffset(offsetMs);
+                const int offset = offsetMs * 192;
+                ASSERT_TRUE(feed.readAll() == model.mid(offset > model.size() ? 0 : model.size() - offset))
+                    << "block " << i << ", offset " << offsetMs << " ms";
+                feed.finish(CMError());
+            }
+        }
+        provider.stop();
+        device.openGate();
+    }
 }
 
 // Feeds requested from two threads against a device that delivers as fast as

@@ -28,10 +28,7 @@ AudioInputDataProvider::~AudioInputDataProvider()
     m_thread->deleteLater();
     thread->quit();
     thread->wait();
-    // wait() orders the worker thread's end before this point, but through a
-    // futex the thread sanitizer cannot see when the thread had already ended;
-    // the device may be destroyed right after this returns.
-    quil::acceptHandOff(thread);
+    quil::acceptHandOff(thread);   // published as the worker's destructor ends
 }
 
 void AudioInputDataProvider::start()

@@ -88,8 +88,9 @@ AudioInputDataProviderThread::~AudioInputDataProviderThread()
         quil::MutexLocker locker(&m_link->mutex);
         m_link->worker = nullptr;
     }
-    // The last of this thread's work with the device and the transfers:
-    // accepted by the provider once its wait() for this thread returns.
+    // Everything this thread did, the capture run's use of the device
+    // included, is over: the provider waiting for the thread may now let the
+    // device go (accepted after QThread::wait()).
     quil::publishHandOff(thread());
 }
 
@@ -160,7 +161,7 @@ CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offs
         quil::MutexLocker locker(&m_mutex);
         m_transfers.insert(key, transfer);
         ringBytes = m_ringBuffer.size();
-        prefill = quil::newestBytesOfRing(m_ringBuffer, offset);
+        prefill = quil::newestBytesOfRing(m_ringBuffer, m_ringOldest, offset);
         if (!prefill.isEmpty())
             m_heldFeeds.insert(key, HeldFeed{transfer, {}, false});
     }
@@ -256,11 +257,11 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
     const QByteArray& silence = silenceBlock(captured.size());
     QByteArray block;
     QList<HeldFeed> released;
-    QList<CMBufferedDataTransfer> recipients;
+    QVector<CMBufferedDataTransfer> recipients;
     {
         quil::MutexLocker locker(&m_mutex);
         block = m_muted ? silence : captured;
-        quil::shiftIntoRing(&m_ringBuffer, block);
+        quil::shiftIntoRing(&m_ringBuffer, &m_ringOldest, block);
         released = takeReleasedFeeds();
         recipients = recipientsOf(block);
     }
@@ -270,13 +271,16 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
     m_liveFeed.dataAvailable(block);
 }
 
-// The registered feeds that get the block now; held feeds keep it back
-// instead. m_mutex must be held.
-QList<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
+// The registered feeds that get the block now, in the registry's order; held
+// feeds keep it back instead. m_mutex must be held. A vector rather than the
+// list values() gives: a list would allocate every handle on its own, so each
+// feed would cost an allocation per block.
+QVector<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
 {
     if (m_heldFeeds.isEmpty())
-        return m_transfers.values();
-    QList<CMBufferedDataTransfer> recipients;
+        return QVector<CMBufferedDataTransfer>(m_transfers.cbegin(), m_transfers.cend());
+    QVector<CMBufferedDataTransfer> recipients;
+    recipients.reserve(m_transfers.size());
     for (auto it = m_transfers.cbegin(); it != m_transfers.cend(); ++it) {
         const auto held = m_heldFeeds.find(it.key());
         if (held != m_heldFeeds.end())
@@ -303,8 +307,12 @@ QList<AudioInputDataProviderThread::HeldFeed> AudioInputDataProviderThread::take
     return released;
 }
 
+// Called for every block, nearly always with no feed: the early return spares
+// the allocation that detaching an empty list for the loop would make.
 void AudioInputDataProviderThread::deliverBacklogs(QList<HeldFeed>* feeds)
 {
+    if (feeds->isEmpty())
+        return;
     for (HeldFeed& feed : *feeds) {
         for (const QByteArray& block : qAsConst(feed.backlog))
             feed.transfer.dataAvailable(block);

@@ -9,6 +9,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QSharedPointer>
+#include <QVector>
 
 #include <atomic>
 
@@ -82,7 +83,7 @@ private:
 
     bool captureWhileRunning();
     void distribute(const QByteArray& captured);
-    QList<CMBufferedDataTransfer> recipientsOf(const QByteArray& block);
+    QVector<CMBufferedDataTransfer> recipientsOf(const QByteArray& block);
     QList<HeldFeed> takeReleasedFeeds();
     static void deliverBacklogs(QList<HeldFeed>* feeds);
     void finishTransfersAndClose();
@@ -96,7 +97,8 @@ private:
     quint32 m_readSizeFrames;
     bool m_muted = false;
     CMUnbufferedDataTransfer m_liveFeed;
-    QByteArray m_ringBuffer;
+    QByteArray m_ringBuffer;   // circular (see PcmRing_p.h), from m_ringOldest on
+    int m_ringOldest = 0;      // index of the oldest byte, where the next block goes
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
     QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;

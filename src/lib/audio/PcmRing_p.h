@@ -1,33 +1,60 @@
 #pragma once
 
-// The provider's ring of recent audio: a QByteArray of fixed size holding the
-// newest bytes, oldest first. Every operation on it lives here, so that the
-// representation can change without touching the capture loop.
+// The provider's ring of recent audio. Seen from outside it is a run of bytes
+// of fixed size, oldest first, that every block shifts: the oldest bytes drop
+// out and the block comes in at the newest end. It is stored circularly (a
+// QByteArray and the index of its oldest byte, which is where the next block
+// goes), so that a block costs a copy of the block, not a move of the whole
+// ring: a 10 s ring of 48 kHz stereo S16 audio is 1.9 MB, against 1920 bytes
+// for a 10 ms block. Every operation on it lives here, so that the capture
+// loop never depends on the layout.
 
 #include <QByteArray>
 
+#include <cstring>
+
 namespace quil {
 
-// Drops as many of the oldest bytes as the block holds and appends the block.
-// An empty ring (a buffer duration of 0) stays empty; a block longer than the
-// ring leaves the ring holding exactly that block.
-inline void shiftIntoRing(QByteArray* ring, const QByteArray& block)
+// Writes the block over the oldest bytes. An empty ring (a buffer duration of
+// 0) stays empty. A block at least as long as the ring leaves the ring holding
+// exactly that block, and so, when it is longer, with the block's length from
+// then on: that is what shifting it in does.
+inline void shiftIntoRing(QByteArray* ring, int* oldest, const QByteArray& block)
 {
-    if (ring->isEmpty())
+    const int ringBytes = ring->size();
+    const int blockBytes = block.size();
+    if (ringBytes == 0 || blockBytes == 0)
         return;
-    ring->remove(0, block.size());
-    ring->append(block);
+    if (blockBytes >= ringBytes) {
+        if (blockBytes > ringBytes)
+            ring->resize(blockBytes);
+        std::memcpy(ring->data(), block.constData(), static_cast<size_t>(blockBytes));
+        *oldest = 0;
+        return;
+    }
+    const int untilEnd = qMin(blockBytes, ringBytes - *oldest);
+    char* const bytes = ring->data();
+    std::memcpy(bytes + *oldest, block.constData(), static_cast<size_t>(untilEnd));
+    std::memcpy(bytes, block.constData() + untilEnd, static_cast<size_t>(blockBytes - untilEnd));
+    *oldest = (*oldest + blockBytes) % ringBytes;
 }
 
-// A copy of the newest `count` bytes: the whole ring when it holds fewer,
-// nothing for a count of 0 or below. Always a copy, never a shared reference:
-// the capture loop goes on changing the ring while another thread reads this.
-inline QByteArray newestBytesOfRing(const QByteArray& ring, int count)
+// A copy of the newest `count` bytes, oldest first: the whole ring when it
+// holds fewer, nothing for a count of 0 or below. Always a copy, never a
+// shared reference: the capture loop goes on writing into the ring while
+// another thread reads this.
+inline QByteArray newestBytesOfRing(const QByteArray& ring, int oldest, int count)
 {
-    if (count <= 0)
+    const int ringBytes = ring.size();
+    if (count <= 0 || ringBytes == 0)
         return QByteArray();
-    const int bytes = qMin(count, ring.size());
-    return QByteArray(ring.constData() + ring.size() - bytes, bytes);
+    const int bytes = qMin(count, ringBytes);
+    const int first = (oldest + ringBytes - bytes) % ringBytes;
+    const int untilEnd = qMin(bytes, ringBytes - first);
+    QByteArray newest(bytes, Qt::Uninitialized);
+    std::memcpy(newest.data(), ring.constData() + first, static_cast<size_t>(untilEnd));
+    std::memcpy(newest.data() + untilEnd, ring.constData(), static_cast<size_t>(bytes - untilEnd));
+    return newest;
 }
 
 } // namespace quil

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in Release (in build/bench) and runs every one of them
+# several times, printing the median of each figure as a table. Means,
+# medians and deviations go to build/bench/results.json (bench/plot-ring.sh
+# draws the ring figure from it). Takes about three minutes, of which the
+# memory run is one; run it on an otherwise idle machine. On a fresh Debian 12
+# machine run as root, it first installs the Debian packages it needs.
+# Usage: scripts/bench.sh [benchmark flags, e.g. --benchmark_filter=Distribution]
+# QUIL_BENCH_REPETITIONS sets the repetitions (default 5).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+# shellcheck source=scripts/lib/packages.sh
+source scripts/lib/packages.sh
+# The benchmarks use the tests' ALSA configuration, so the tests are configured too.
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" libgtest-dev libbenchmark-dev
+
+build=build/bench
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$build" --target quil_bench >/dev/null
+
+export ALSA_CONFIG_PATH="/usr/share/alsa/alsa.conf:$PWD/$build/tests/alsa/test.conf"
+echo "$(lscpu | sed -n 's/^Model name: *//p'), $(nproc) cores; load: $(cut -d' ' -f1-3 /proc/loadavg)"
+# Means, standard deviations and variation coefficients stay in the JSON file.
+"$build/bench/quil_bench" \
+    --benchmark_repetitions="${QUIL_BENCH_REPETITIONS:-5}" \
+    --benchmark_report_aggregates_only=true \
+    --benchmark_out="$build/results.json" --benchmark_out_format=json \
+    "$@" | grep -v -E '_(mean|stddev|cv) '

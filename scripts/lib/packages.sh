@@ -1,0 +1,29 @@
+# shellcheck shell=bash disable=SC2034 # the lists are used by the scripts that source this file
+# Debian packages the project needs, and their installation; sourced by the
+# scripts in scripts/.
+
+# Building the library and its tool.
+QUIL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config qtbase5-dev libasound2-dev liblog4cplus-dev)
+# A private sound server in place of a sound card, and ALSA's PCM and mixer for it.
+QUIL_SOUND_SERVER_PACKAGES=(alsa-utils libasound2-plugins pulseaudio pulseaudio-utils)
+
+# install_missing_packages PACKAGE...
+# Installs the packages that are not installed yet. As another user than root
+# it names them and exits, as nothing can be installed then.
+install_missing_packages() {
+    local missing=() package
+    for package in "$@"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" \
+            || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "Missing Debian packages: ${missing[*]}" >&2
+        echo "Install them with: sudo apt-get install ${missing[*]}" >&2
+        exit 1
+    fi
+    echo "Installing: ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}

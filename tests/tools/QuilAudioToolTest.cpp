@@ -1,0 +1,212 @@
+// End-to-end runs of the quil-audio tool. Every case is one command line with
+// the exit status, the output and the stderr it must give; "{out}", "{in}",
+// "{trig}" and "{fifo}" in the arguments name the case's files.
+
+#include "PulseServer.h"
+#include "QtPrinters.h"
+#include "TestEnvironment.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QtEndian>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using quiltest::fileContent;
+using quiltest::patternBytes;
+
+constexpr int FrameBytes = 4;           // the tool's default stream: S16_LE, 2 channels
+constexpr int BytesPerMs = 48 * FrameBytes; // at 48000 Hz
+
+struct Case
+{
+    QString name;
+    QStringList args;
+    int status;
+    /// A failure gives exactly one stderr line, containing this.
+    QString errorLine;
+    /// Exactly what {out}, or stdout when there is no {out}, must hold.
+    QByteArray output;
+    /// Text stdout must contain.
+    QString stdoutHas;
+    QByteArray input;
+    /// A line the test mixer's FIFO holds before the tool starts.
+    QByteArray fifoLine;
+    int interruptAfterMs = -1;
+    std::function<void(const QByteArray& output)> check;
+};
+
+struct Result
+{
+    int status = -1;
+    QByteArray out;
+    QStringList errLines;
+};
+
+Result runTool(const QStringList& args, const QByteArray& input, int interruptAfterMs)
+{
+    QProcess tool;
+    tool.start(QStringLiteral(QUIL_AUDIO_TOOL), args);
+    Result result;
+    if (!tool.waitForStarted(5000))
+        return result;
+    tool.write(input);
+    tool.closeWriteChannel();
+    if (interruptAfterMs >= 0 && !tool.waitForFinished(interruptAfterMs))
+        ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
+    if (!tool.waitForFinished(15000)) {
+        tool.kill();
+        tool.waitForFinished(2000);
+        return result;
+    }
+    result.status = tool.exitStatus() == QProcess::NormalExit ? tool.exitCode() : -1;
+    result.out = tool.readAllStandardOutput();
+    result.errLines = QString::fromLocal8Bit(tool.readAllStandardError()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return result;
+}
+
+/// Largest magnitude of S16_LE samples.
+int peakS16(const QByteArray& bytes)
+{
+    int peak = 0;
+    for (int i = 0; i + 1 < bytes.size(); i += 2)
+        peak = std::max(peak, std::abs(int(qFromLittleEndian<qint16>(bytes.constData() + i))));
+    return peak;
+}
+
+class QuilAudioTool : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        QString error;
+        ASSERT_TRUE(quiltest::PulseServer::shared().start(&error)) << error.toStdString();
+    }
+
+    void runCases(const QList<Case>& cases)
+    {
+        const QString dir = quiltest::dataDirectory() + QStringLiteral("/tool");
+        QDir().mkpath(dir);
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.name.toStdString());
+            const QString out = dir + QLatin1Char('/') + c.name + QStringLiteral(".raw");
+            const QString fifo = dir + QStringLiteral("/mixer.fifo");
+            QFile::remove(out);
+            QStringList args;
+            for (QString arg : c.args)
+                args << arg.replace(QLatin1String("{out}"), out).replace(QLatin1String("{in}"), m_in)
+                            .replace(QLatin1String("{trig}"), m_trig).replace(QLatin1String("{fifo}"), fifo);
+            // The test mixer reads its FIFO only when the tool handles mixer
+            // events; holding it open keeps the line there until then.
+            int fifoFd = -1;
+            if (!c.fifoLine.isEmpty()) {
+                ::mkfifo(QFile::encodeName(fifo).constData(), 0600);
+                fifoFd = ::open(QFile::encodeName(fifo).constData(), O_RDWR | O_NONBLOCK);
+                ASSERT_EQ(::write(fifoFd, c.fifoLine.constData(), c.fifoLine.size()), c.fifoLine.size());
+            }
+            const Result r = runTool(args, c.input, c.interruptAfterMs);
+            if (fifoFd >= 0)
+                ::close(fifoFd);
+
+            EXPECT_EQ(r.status, c.status) << r.errLines.join(QLatin1Char('\n')).toStdString();
+            if (!c.errorLine.isEmpty()) {
+                EXPECT_EQ(r.errLines.size(), 1) << r.errLines.join(QLatin1Char('\n')).toStdString();
+                EXPECT_TRUE(r.errLines.value(0).contains(c.errorLine)) << r.errLines.value(0).toStdString();
+            }
+            const QByteArray output = c.args.join(QLatin1Char(' ')).contains(QLatin1String("{out}")) ? fileContent(out) : r.out;
+            if (!c.output.isEmpty()) {
+                EXPECT_EQ(output.size(), c.output.size());
+                EXPECT_TRUE(output == c.output) << "output differs from the expected bytes";
+            }
+            if (!c.stdoutHas.isEmpty())
+                EXPECT_TRUE(r.out.contains(c.stdoutHas.toUtf8())) << r.out.toStdString();
+            if (c.check)
+                c.check(output);
+        }
+    }
+
+    // 200 ms of distinct bytes, and 100 ms of silence followed by them.
+    const QByteArray m_pattern = patternBytes(200 * BytesPerMs);
+    const QByteArray m_silenceThenPattern = QByteArray(100 * BytesPerMs, '\0') + m_pattern;
+    const QString m_in = quiltest::writeDataFile(QStringLiteral("tool_in.raw"), m_pattern);
+    const QString m_trig = quiltest::writeDataFile(QStringLiteral("tool_trig.raw"), m_silenceThenPattern);
+};
+
+TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
+{
+    const QByteArray& in = m_pattern;
+    const QByteArray silence50ms(50 * BytesPerMs, '\0');
+    runCases({
+        // record: the provider's live path reproduces its source
+        {"record_file", {"record", "--input-file", "{in}", "-d", "0.2", "{out}"}, 0, {}, in},
+        {"record_pcm", {"record", "-D", "cap_file:INFILE={in}", "-d", "0.2", "{out}"}, 0, {}, in},
+        {"record_stdout", {"record", "--input-file", "{in}", "-d", "0.05"}, 0, {}, in.left(50 * BytesPerMs)},
+        {"record_muted", {"record", "--input-file", "{in}", "--mute", "-d", "0.1", "{out}"}, 0, {},
+         QByteArray(100 * BytesPerMs, '\0')},
+        // Reads of 10 ms: the block 100..110 ms fires the trigger, so the
+        // recording is asked for at 110 ms and starts 50 ms before, at 60 ms.
+        {"record_preroll_trigger",
+         {"record", "--input-file", "{trig}", "-F", "10000", "--trigger-dbfs", "-40", "--pre-roll-ms", "50", "-d", "0.1", "{out}"},
+         0, {}, m_silenceThenPattern.mid(60 * BytesPerMs, 100 * BytesPerMs)},
+        // Without a trigger recording is asked for before capture starts: the pre-roll is the ring's silence.
+        {"record_preroll_start", {"record", "--input-file", "{in}", "--pre-roll-ms", "50", "-d", "0.15", "{out}"}, 0, {},
+         silence50ms + in.left(100 * BytesPerMs)},
+        {"record_interrupted", {"record", "--input-file", "{in}", "{out}"}, 0, {}, {}, {}, {}, {}, 300,
+         [&](const QByteArray& output) {
+             EXPECT_GT(output.size(), 0);
+             EXPECT_EQ(output.size() % FrameBytes, 0);
+             EXPECT_TRUE(output == (in + QByteArray(output.size(), '\0')).left(output.size()));
+         }},
+
+        // play: the bytes reach the device unchanged
+        {"play_pcm", {"play", "-D", "file:FILE={out},FORMAT=raw", "{in}"}, 0, {}, in},
+        {"play_stdin_to_file", {"play", "-o", "{out}", "-"}, 0, {}, in, {}, in},
+        {"play_tone", {"play", "--tone", "1000", "-d", "0.01", "-o", "{out}"}, 0, {}, {}, {}, {}, {}, -1,
+         [](const QByteArray& output) {
+             EXPECT_EQ(output.size(), 480 * FrameBytes);
+             EXPECT_NEAR(peakS16(output), 16384, 2); // -6 dBFS
+         }},
+
+        // mixer: every change is read back from the mixer and shown
+        {"mixer_db", {"mixer", "-D", "testmix", "set", "master", "--db", "-20"}, 0, {}, {},
+         "'Master' playback: volume 60 [0..100] 60% -20.00 dB, switch on"},
+        {"mixer_enum", {"mixer", "-D", "testmix", "set", "input", "--enum", "cd"}, 0, {}, {}, "item 'CD' of Mic|Line|CD|Internal"},
+        {"mixer_capture_side", {"mixer", "-D", "testmix", "set", "capture", "--volume", "25%", "--switch", "off"}, 0, {}, {},
+         "'Capture' capture: volume 25 [0..100] 25% -37.50 dB, switch off"},
+        // The sound server keeps the value between processes.
+        {"mixer_pulse_set", {"mixer", "-D", "pulse", "set", "Master", "--volume", "40%"}, 0, {}, {}, "volume 26214 [0..65536] 40%"},
+        {"mixer_pulse_get", {"mixer", "-D", "pulse", "get", "mast"}, 0, {}, {}, "volume 26214 [0..65536] 40%"},
+        {"mixer_watch", {"mixer", "-D", "testmix:FIFO={fifo}", "watch", "master", "--count", "1"}, 0, {}, {},
+         "changed 'Master' playback: volume 30 [0..100] 30% -35.00 dB", {}, "set Master Playback Volume 30\n"},
+        {"mixer_watch_interrupted", {"mixer", "-D", "testmix", "watch"}, 0, {}, {}, "'Input Source'", {}, {}, 300},
+
+        // bad input: one line naming what was wrong
+        {"bad_format", {"play", "-f", "S17_LE", "{in}"}, 2, "unknown sample format 'S17_LE'"},
+        {"bad_play_device", {"play", "-D", "nosuch", "{in}"}, 1, "cannot open playback device 'nosuch'"},
+        {"bad_record_device", {"record", "-D", "nosuch", "{out}"}, 1, "cannot capture from 'nosuch'"},
+        {"missing_play_file", {"play", "/nonexistent/x.raw"}, 1, "cannot open '/nonexistent/x.raw': No such file"},
+        {"missing_record_file", {"record", "--input-file", "/nonexistent/x.raw", "{out}"}, 1,
+         "cannot open '/nonexistent/x.raw': No such file"},
+        {"unknown_element", {"mixer", "-D", "testmix", "get", "nosuch"}, 1, "no element of mixer 'testmix' matches 'nosuch'"},
+        {"volume_out_of_range", {"mixer", "-D", "testmix", "set", "headphone", "--volume", "32"}, 1,
+         "volume 32 is out of range 0..31 for 'Headphone'"},
+        {"unknown_item", {"mixer", "-D", "testmix", "set", "input", "--enum", "tape"}, 1, "'Input Source' has no item 'tape'"},
+        {"no_db_scale", {"mixer", "-D", "pulse", "set", "master", "--db", "-10"}, 1, "'Master' has no dB scale"},
+        {"bad_mixer", {"mixer", "-D", "nosuch", "list"}, 1, "cannot open mixer 'nosuch'"},
+        {"ring_below_period", {"record", "--input-file", "{in}", "--ring-ms", "5", "{out}"}, 2,
+         "--ring-ms 5 holds less than one period (20 ms)"},
+        {"unknown_option", {"play", "--bogus"}, 2, "Unknown option 'bogus'"},
+        {"unknown_command", {"frobnicate"}, 2, "unknown command 'frobnicate'"},
+    });
+}
+
+} // namespace

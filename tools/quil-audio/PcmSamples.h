@@ -1,0 +1,45 @@
+#pragma once
+
+// Sample values of linear and floating-point PCM formats as numbers in
+// [-1, 1]: what the tone generator writes and the peak meter reads.
+
+#include <QByteArray>
+#include <QVector>
+
+#include <alsa/asoundlib.h>
+
+namespace quilaudio {
+
+/// True for linear integer and floating-point formats; others (companded,
+/// compressed) are passed through untouched but cannot be generated or measured.
+bool hasSampleValues(snd_pcm_format_t format);
+
+/// The sample at data as a value in [-1, 1] (full scale is 2^(width-1)).
+double decodeSample(const char* data, snd_pcm_format_t format);
+/// Stores value, clamped to [-1, 1], as one sample of format at data.
+void encodeSample(double value, snd_pcm_format_t format, char* data);
+
+/// Raises (*peaks)[c] to the largest magnitude of channel c in a block of
+/// interleaved frames; *peaks is sized to the channel count. Does nothing for
+/// formats without sample values.
+void accumulatePeaks(const QByteArray& block, snd_pcm_format_t format, int channels, QVector<double>* peaks);
+
+/// A peak magnitude in dBFS ("-6.0", "-inf").
+QString dbfsText(double peak);
+
+/// A sine tone at -6 dBFS, the same on every channel, continuous across blocks.
+class ToneGenerator
+{
+public:
+    ToneGenerator(double frequencyHz, unsigned int rate, int channels, snd_pcm_format_t format);
+    QByteArray next(int frames);
+
+private:
+    double m_step;
+    double m_phase = 0;
+    int m_channels;
+    snd_pcm_format_t m_format;
+    int m_sampleBytes;
+};
+
+} // namespace quilaudio

@@ -1,0 +1,328 @@
+#include "RecordCommand.h"
+
+#include "PcmSamples.h"
+
+#include "AlsaInputDevice.h"
+#include "AudioInputDataProvider.h"
+#include "FileInputDevice.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTimer>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <unistd.h>
+
+namespace quilaudio {
+
+namespace {
+
+const QString Command = QStringLiteral("record");
+
+const char* const Usage =
+    "Captures from an ALSA PCM (-D) or from a raw PCM file paced like a live source\n"
+    "(--input-file) and writes raw PCM (interleaved frames, no header) to FILE or stdout.\n"
+    "Recording is asked for as capture starts or, with --trigger-dbfs, when a block first\n"
+    "peaks at or above that level. --pre-roll-ms starts the output that much audio before\n"
+    "that moment, taken from the ring buffer (--ring-ms); with a trigger it counts back from\n"
+    "the end of the block that fired it. Audio from before the capture started is silence.\n"
+    "-d counts the whole output, the pre-roll included.\n"
+    "--mute records silence; SIGUSR1 toggles muting. Ctrl-C ends the recording. On a terminal\n"
+    "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
+    "stderr sums up frames, peaks and capture errors.";
+
+constexpr int DefaultPeriodMs = 20;
+constexpr int BufferPeriods = 5;
+constexpr int ProgressIntervalMs = 100;
+// A source that delivers nothing for this long is reported rather than waited for.
+constexpr qint64 NoAudioTimeoutMs = 5000;
+constexpr unsigned int StopTimeoutS = 5;
+// The library computes ring offsets as ms × bytes per second in 31 bits.
+constexpr qint64 MaxRingProduct = (qint64(1) << 31) - 1;
+
+QString meterBar(double peak)
+{
+    constexpr int Width = 10;
+    constexpr double FloorDb = -60.0;
+    const double dB = peak > 0 ? 20.0 * std::log10(peak) : FloorDb;
+    const int filled = static_cast<int>(std::lround(std::clamp(1.0 - dB / FloorDb, 0.0, 1.0) * Width));
+    return QString(filled, QLatin1Char('#')) + QString(Width - filled, QLatin1Char('-'));
+}
+
+} // namespace
+
+RecordCommand::RecordCommand() = default;
+
+RecordCommand::~RecordCommand()
+{
+    closeFile(m_outputFd);
+}
+
+int RecordCommand::run(const QStringList& arguments)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QString::fromLatin1(Usage));
+    addStreamOptions(parser);
+    parser.addOptions({
+        {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."),
+         QStringLiteral("file")},
+        {{QStringLiteral("F"), QStringLiteral("period-time")},
+         QStringLiteral("Period in microseconds (20000); one read of the provider."), QStringLiteral("us")},
+        {{QStringLiteral("B"), QStringLiteral("buffer-time")},
+         QStringLiteral("ALSA buffer in microseconds (5 periods)."), QStringLiteral("us")},
+        {QStringLiteral("ring-ms"), QStringLiteral("Ring buffer of recent audio (the pre-roll, at least a period)."),
+         QStringLiteral("ms")},
+        {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."),
+         QStringLiteral("ms")},
+        {QStringLiteral("trigger-dbfs"), QStringLiteral("Ask for recording when a block peaks at this level."),
+         QStringLiteral("dBFS")},
+        {QStringLiteral("mute"), QStringLiteral("Start muted (silence is recorded); SIGUSR1 toggles.")},
+    });
+    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Raw PCM output; \"-\" is stdout."),
+                                 QStringLiteral("[file]"));
+    int status = ExitOk;
+    if (!parseCommandLine(parser, arguments, Command, &status,
+                          [&](QString* error) { return readOptions(parser, error); }))
+        return status;
+    status = openSource();
+    if (status == ExitOk)
+        status = openSink();
+    return status == ExitOk ? captureUntilDone() : status;
+}
+
+bool RecordCommand::readOptions(const QCommandLineParser& parser, QString* error)
+{
+    if (!readStreamOptions(parser, &m_stream, error)
+        || !readMicrosecondsAsMs(parser, QStringLiteral("period-time"), &m_periodMs, error)
+        || !readMicrosecondsAsMs(parser, QStringLiteral("buffer-time"), &m_bufferMs, error)
+        || !readInt(parser, QStringLiteral("ring-ms"), 0, 3600000, &m_ringMs, error)
+        || !readInt(parser, QStringLiteral("pre-roll-ms"), 0, 3600000, &m_preRollMs, error))
+        return false;
+    const QStringList positional = parser.positionalArguments();
+    if (positional.size() > 1) {
+        *error = QStringLiteral("one output file at most, got: ") + positional.join(QLatin1Char(' '));
+        return false;
+    }
+    m_output = positional.value(0, QStringLiteral("-"));
+    if (m_output == QLatin1String("-") && ::isatty(STDOUT_FILENO) == 1) {
+        *error = QStringLiteral("will not write audio to a terminal; give an output file or redirect stdout");
+        return false;
+    }
+    m_inputFile = parser.value(QStringLiteral("input-file"));
+    m_startMuted = parser.isSet(QStringLiteral("mute"));
+    m_frameBytes = m_stream.frameBytes();
+    m_framesWanted = m_stream.durationFrames();
+    if (m_bufferMs < 0)
+        m_bufferMs = BufferPeriods * m_periodMs;
+
+    // The ring must hold one read at least; without a pre-roll none is needed.
+    if (m_ringMs < 0)
+        m_ringMs = m_preRollMs > 0 ? std::max(m_preRollMs, m_periodMs) : 0;
+    const qint64 bytesPerSecond = qint64(m_stream.rate) * m_frameBytes;
+    if (m_ringMs > 0 && m_ringMs < m_periodMs)
+        *error = QStringLiteral("--ring-ms %1 holds less than one period (%2 ms)").arg(m_ringMs).arg(m_periodMs);
+    else if (m_preRollMs > m_ringMs)
+        *error = QStringLiteral("--pre-roll-ms %1 is longer than the ring (--ring-ms %2)").arg(m_preRollMs).arg(m_ringMs);
+    else if (m_ringMs * bytesPerSecond > MaxRingProduct)
+        *error = QStringLiteral("--ring-ms %1 is too long for this stream (at most %2 ms)")
+                     .arg(m_ringMs).arg(MaxRingProduct / bytesPerSecond);
+    if (!error->isEmpty())
+        return false;
+
+    m_hasTrigger = parser.isSet(QStringLiteral("trigger-dbfs"));
+    double triggerDb = 0;
+    if (!readDouble(parser, QStringLiteral("trigger-dbfs"), &triggerDb, error))
+        return false;
+    if (m_hasTrigger && (triggerDb > 0 || !hasSampleValues(m_stream.format))) {
+        *error = triggerDb > 0 ? QStringLiteral("--trigger-dbfs must be 0 or below, not %1").arg(triggerDb)
+                               : QStringLiteral("--trigger-dbfs cannot measure this sample format");
+        return false;
+    }
+    m_triggerPeak = std::pow(10.0, triggerDb / 20.0);
+    return true;
+}
+
+int RecordCommand::openSource()
+{
+    if (m_inputFile.isEmpty()) {
+        m_device = std::make_unique<AlsaInputDevice>(m_stream.device, static_cast<int>(m_stream.rate), m_stream.channels,
+                                                     m_stream.format, m_periodMs, m_bufferMs);
+        return ExitOk;
+    }
+    // FileInputDevice delivers silence for a file it cannot open; say why instead.
+    QFile probe(m_inputFile);
+    if (!probe.open(QIODevice::ReadOnly))
+        return fail(Command, QStringLiteral("cannot open '%1': %2").arg(m_inputFile, probe.errorString()), ExitFailed);
+    auto file = std::make_unique<FileInputDevice>(static_cast<int>(m_stream.rate), static_cast<int>(m_stream.channels),
+                                                  m_stream.format);
+    if (!file->playFile(m_inputFile))
+        return fail(Command, QStringLiteral("cannot read '%1'").arg(m_inputFile), ExitFailed);
+    m_device = std::move(file);
+    return ExitOk;
+}
+
+int RecordCommand::openSink()
+{
+    QString error;
+    m_outputFd = openOutput(m_output, &error);
+    return m_outputFd < 0 ? fail(Command, error, ExitFailed) : ExitOk;
+}
+
+int RecordCommand::captureUntilDone()
+{
+    const unsigned int readFrames = std::max(1u, m_stream.rate * static_cast<unsigned int>(m_periodMs) / 1000u);
+    m_provider = new AudioInputDataProvider(m_device.get(), static_cast<unsigned int>(m_ringMs), readFrames);
+    m_provider->setMuteState(m_startMuted);
+    CMUnbufferedDataTransfer live = m_provider->liveFeed();
+    live.onDataAvailable([this](const QByteArray& block) { onLiveBlock(block); });
+    m_armed = m_hasTrigger;
+    if (!m_hasTrigger)
+        startRecording();
+
+    SignalWatcher signalWatcher;
+    QObject::connect(&signalWatcher, &SignalWatcher::stopSignalled, &m_loop, &QEventLoop::quit);
+    QObject::connect(&signalWatcher, &SignalWatcher::toggleSignalled, &m_loop,
+                     [this] { m_provider->setMuteState(!m_provider->isMuted()); });
+    QTimer ticker;
+    QElapsedTimer clock;
+    QObject::connect(&ticker, &QTimer::timeout, &m_loop, [this, &clock] {
+        const int status = checkCaptureRuns(clock.elapsed());
+        if (status != ExitOk)
+            m_loop.exit(status);
+        else
+            showProgress();
+    });
+    LibraryLog::clear();
+    clock.start();
+    m_provider->start();
+    ticker.start(ProgressIntervalMs);
+    int status = m_loop.exec();
+    ticker.stop();
+    m_progress.finish();
+    stopProvider();
+    if (status == ExitOk && !m_writeError.isEmpty())
+        status = fail(Command, QStringLiteral("cannot write '%1': %2").arg(m_output, m_writeError), ExitFailed);
+    if (status == ExitOk)
+        printLine(summary());
+    return status;
+}
+
+// Until the first block arrives, a library error means the capture never
+// started (the device did not open); the provider would only log it.
+int RecordCommand::checkCaptureRuns(qint64 elapsedMs)
+{
+    if (m_blocksSeen > 0)
+        return ExitOk;
+    const QString source = m_inputFile.isEmpty() ? QStringLiteral("'%1'").arg(m_stream.device)
+                                                 : QStringLiteral("'%1'").arg(m_inputFile);
+    if (LibraryLog::errorCount() > 0)
+        return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, LibraryLog::firstError()), ExitFailed);
+    if (elapsedMs > NoAudioTimeoutMs)
+        return fail(Command, QStringLiteral("no audio from %1 within %2 s").arg(source).arg(NoAudioTimeoutMs / 1000),
+                    ExitFailed);
+    return ExitOk;
+}
+
+// The provider's destructor waits for the worker to finish its current read,
+// finish the transfers and close the device; a device that never returns
+// must not hang the tool.
+void RecordCommand::stopProvider()
+{
+    m_stopping = true;
+    armStopWatchdog(StopTimeoutS);
+    m_provider->stop();
+    delete m_provider;
+    m_provider = nullptr;
+    armStopWatchdog(0);
+    // The worker's thread object deletes itself through this thread's event queue.
+    QCoreApplication::processEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+void RecordCommand::onLiveBlock(const QByteArray& block)
+{
+    ++m_blocksSeen;
+    QVector<double> peaks;
+    accumulatePeaks(block, m_stream.format, static_cast<int>(m_stream.channels), &peaks);
+    {
+        QMutexLocker locker(&m_meterMutex);
+        if (m_meterPeaks.size() != peaks.size())
+            m_meterPeaks.fill(0.0, peaks.size());
+        for (int channel = 0; channel < peaks.size(); ++channel)
+            m_meterPeaks[channel] = std::max(m_meterPeaks[channel], peaks[channel]);
+    }
+    const double loudest = peaks.isEmpty() ? 0.0 : *std::max_element(peaks.cbegin(), peaks.cend());
+    if (m_armed && !m_stopping && loudest >= m_triggerPeak) {
+        m_armed = false;
+        startRecording();
+    }
+}
+
+// Asked on the worker thread inside the delivery of the block that fired the
+// trigger: that block is already in the ring and the new feed gets every
+// later one, so the output is exact to the frame.
+void RecordCommand::startRecording()
+{
+    m_recording = m_provider->liveFeedWithOffset(m_preRollMs);
+    m_recording.onDataAvailable([this](const QByteArray& block) { onRecordedBlock(block); });
+}
+
+void RecordCommand::onRecordedBlock(const QByteArray& block)
+{
+    if (m_done || m_frameBytes <= 0)
+        return;
+    qint64 frames = block.size() / m_frameBytes;
+    if (m_framesWanted >= 0)
+        frames = std::min(frames, m_framesWanted - m_framesWritten);
+    const QByteArray part = QByteArray::fromRawData(block.constData(), static_cast<int>(frames * m_frameBytes));
+    accumulatePeaks(part, m_stream.format, static_cast<int>(m_stream.channels), &m_recordedPeaks);
+    if (!writeFully(m_outputFd, part.constData(), part.size())) {
+        endRecording(QString::fromLocal8Bit(std::strerror(errno)));
+        return;
+    }
+    m_framesWritten += frames;
+    if (m_framesWanted >= 0 && m_framesWritten >= m_framesWanted)
+        endRecording(QString());
+}
+
+void RecordCommand::endRecording(const QString& writeError)
+{
+    m_writeError = writeError;
+    m_done = true;
+    QMetaObject::invokeMethod(&m_loop, "quit", Qt::QueuedConnection);
+}
+
+void RecordCommand::showProgress()
+{
+    if (!m_progress.isShown())
+        return;
+    QVector<double> peaks;
+    {
+        QMutexLocker locker(&m_meterMutex);
+        peaks.swap(m_meterPeaks);
+    }
+    QString text = m_armed ? QStringLiteral("armed    ")
+                           : QStringLiteral("recording %1").arg(secondsText(m_framesWritten, m_stream.rate));
+    for (double peak : qAsConst(peaks))
+        text += QStringLiteral("  %1 dBFS %2").arg(dbfsText(peak), 5).arg(meterBar(peak));
+    m_progress.show(text + (m_provider->isMuted() ? QStringLiteral("  MUTED") : QString()));
+}
+
+QString RecordCommand::summary() const
+{
+    QStringList peaks;
+    for (double peak : m_recordedPeaks)
+        peaks << dbfsText(peak);
+    const QString source = m_inputFile.isEmpty() ? m_stream.device : m_inputFile;
+    return QStringLiteral("recorded %1 frames (%2) from '%3' into '%4': peak %5 dBFS, capture errors %6")
+        .arg(m_framesWritten.load()).arg(secondsText(m_framesWritten, m_stream.rate)).arg(source, m_output)
+        .arg(peaks.isEmpty() ? QStringLiteral("-inf") : peaks.join(QStringLiteral(" / ")))
+        .arg(LibraryLog::errorCount());
+}
+
+} // namespace quilaudio

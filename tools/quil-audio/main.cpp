@@ -1,0 +1,68 @@
+// quil-audio: the library's own command-line client, for bringing audio up on
+// a board before its host program exists. Each subcommand is one class.
+
+#include "CommandSupport.h"
+#include "MixerCommand.h"
+#include "PlayCommand.h"
+#include "RecordCommand.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+
+#include <log4cplus/initializer.h>
+
+#include <cstdio>
+
+namespace {
+
+const char* const Usage =
+    "Captures, plays and controls audio through libquil_audio.\n"
+    "Commands (each has --help):\n"
+    "  record   capture from an ALSA PCM or a raw file into a raw file or stdout\n"
+    "  play     play raw PCM or a tone to an ALSA PCM or a raw file\n"
+    "  mixer    list, get, set and watch mixer elements";
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    log4cplus::Initializer logInitializer;
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("quil-audio"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUIL_AUDIO_VERSION));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QString::fromLatin1(Usage));
+    parser.addHelpOption();
+    // -v means --verbose in every command, so the version has the long form only.
+    const QCommandLineOption version(QStringLiteral("version"), QStringLiteral("Displays version information."));
+    parser.addOption(version);
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("record, play or mixer."));
+    // Everything after the command belongs to the command's own parser.
+    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    if (!parser.parse(QCoreApplication::arguments())) {
+        std::fprintf(stderr, "quil-audio: %s\n", qPrintable(parser.errorText()));
+        return quilaudio::ExitUsage;
+    }
+    if (parser.isSet(version)) {
+        std::printf("quil-audio %s\n", QUIL_AUDIO_VERSION);
+        return quilaudio::ExitOk;
+    }
+    const QStringList positional = parser.positionalArguments();
+    const bool helpAsked = parser.isSet(QStringLiteral("help"));
+    if (helpAsked || positional.isEmpty()) {
+        quilaudio::printHelp(parser, QStringLiteral("quil-audio"), helpAsked ? stdout : stderr);
+        return helpAsked ? quilaudio::ExitOk : quilaudio::ExitUsage;
+    }
+
+    const QString command = positional.first();
+    const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
+    if (command == QLatin1String("record"))
+        return quilaudio::RecordCommand().run(arguments);
+    if (command == QLatin1String("play"))
+        return quilaudio::PlayCommand().run(arguments);
+    if (command == QLatin1String("mixer"))
+        return quilaudio::MixerCommand().run(arguments);
+    std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play or mixer)\n", qPrintable(command));
+    return quilaudio::ExitUsage;
+}
