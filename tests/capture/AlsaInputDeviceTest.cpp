@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 
 using namespace quiltest;
 namespace faults = quiltest::faults;
@@ -191,12 +192,14 @@ TEST_F(AlsaInputDeviceTest, ChannelCountReadBackThatDiffersFails)
 
 TEST_F(AlsaInputDeviceTest, ReadErrorsAreLoggedAndRecoveredByPrepareAndStart)
 {
-    struct Error { int code; QString prefix; };
+    // A start that fails changes nothing: the next read starts the stream.
+    struct Error { int code; QString prefix; bool startFails = false; };
     const QList<Error> errors{
         {-EPIPE, "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: "},
         {-ESTRPIPE, "AlsaInputDevice: error while reading: a suspend event occurred (ESTRPIPE: "},
         {-EBADFD, "AlsaInputDevice: error while reading: PCM is not in the right state (EBADFD: "},
         {-EIO, "AlsaInputDevice: error while reading ("},
+        {-EPIPE, "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: ", true},
     };
     const QByteArray data = patternBytes(480 * 4 * 8);
     AlsaInputDevice device(knownDataPcm(data), 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
@@ -221,13 +224,15 @@ TEST_F(AlsaInputDeviceTest, ReadErrorsAreLoggedAndRecoveredByPrepareAndStart)
         m_log.clear();
         sequence.clear();
         faults::arm("snd_pcm_readi", error.code);
+        if (error.startFails)
+            faults::arm("snd_pcm_start", -EBADFD);   // (an armed failure bypasses the hook)
         QByteArray block;
         ASSERT_TRUE(device.read(&block, 480));
         EXPECT_TRUE(block == data.mid(offset, 480 * 4));   // the frames of the read after recovery
         offset += block.size();
         EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL),
                   QStringList{error.prefix + alsaText(error.code) + ") (" + QString::number(error.code) + ")"});
-        EXPECT_EQ(sequence.mid(0, 2), (QStringList{"prepare", "start"}));
+        EXPECT_EQ(sequence.mid(0, 2), (error.startFails ? QStringList{"prepare"} : QStringList{"prepare", "start"}));
         EXPECT_TRUE(device.isOpened());
     }
 }
@@ -288,7 +293,10 @@ TEST_F(AlsaInputDeviceTest, ClosedDeviceReadsNothingAndClosesQuietly)
     EXPECT_EQ(block, QByteArray("untouched"));
     EXPECT_TRUE(m_log.records().isEmpty());
     ASSERT_TRUE(device.open());
+    faults::arm("snd_pcm_close", -EIO);   // ignored: the handle is gone all the same
     device.close();
+    EXPECT_FALSE(device.isOpened());
+    EXPECT_EQ(faults::openPcmHandles(), 0);
     m_log.clear();
     device.close();
     EXPECT_EQ(m_log.messages(TRACE_LOG_LEVEL),
@@ -296,4 +304,45 @@ TEST_F(AlsaInputDeviceTest, ClosedDeviceReadsNothingAndClosesQuietly)
                            "Enter void AlsaInputDevice::cleanupPcm(snd_pcm_t**): "}));
     EXPECT_EQ(m_log.records().size(), 2);
     EXPECT_EQ(faults::calls("snd_pcm_readi"), 0);
+}
+
+// Parameters no PCM can honour fail open() at their step with its line;
+// times out of range are ALSA's to round. A format whose samples are padded
+// in memory (S24_LE keeps 3 bytes in 4) is refused like one without a width:
+// blocks are sized in bytesPerSample() units, so ALSA would write past them.
+TEST_F(AlsaInputDeviceTest, BadParametersFailOpenAtTheirStep)
+{
+    recordSleeps();
+    struct Case { QString name; int rate; unsigned channels; snd_pcm_format_t format; int periodMs, bufferMs; QString error; };
+    const QString pcm = knownDataPcm(patternBytes(8192));
+    const QString inval = alsaText(-EINVAL);
+    const QList<Case> cases{
+        {"", 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100, "Cannot open capture device '': " + alsaText(-ENOENT)},
+        {pcm, 48000, 2, SND_PCM_FORMAT_UNKNOWN, 20, 100, "Cannot set sample format: " + inval},
+        {pcm, 48000, 2, SND_PCM_FORMAT_S24_LE, 20, 100, "Cannot set sample format: " + inval},
+        {pcm, 48000, 0, SND_PCM_FORMAT_S16_LE, 20, 100, "Cannot set channel count: " + inval},
+        {pcm, 0, 2, SND_PCM_FORMAT_S16_LE, 20, 100, "Cannot set sample rate: " + inval},
+        {pcm, -48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100, "Cannot set sample rate: " + inval},
+        {pcm, 48000, 2, SND_PCM_FORMAT_S16_LE, -20, INT_MAX, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error.toStdString());
+        m_log.clear();
+        AlsaInputDevice device(c.name, c.rate, c.channels, c.format, c.periodMs, c.bufferMs);
+        EXPECT_EQ(device.open(), c.error.isEmpty());
+        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), c.error.isEmpty() ? QStringList() : QStringList{c.error});
+        QByteArray block;
+        EXPECT_EQ(device.read(&block, 64), c.error.isEmpty());
+        EXPECT_EQ(block.size(), c.error.isEmpty() ? 256 : 0);
+    }
+
+    AlsaInputDevice device(pcm, 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
+    ASSERT_TRUE(device.open());
+    m_log.clear();
+    QByteArray block("untouched");
+    EXPECT_FALSE(device.read(&block, INT_MAX));   // 8 GiB: more than a block can hold
+    EXPECT_EQ(block, QByteArray("untouched"));
+    EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), QStringList{"AlsaInputDevice: Cannot read 2147483647 frames into one block"});
+    EXPECT_TRUE(device.isOpened());
+    EXPECT_EQ(faults::calls("snd_pcm_readi"), 1);
 }

@@ -9,12 +9,14 @@
 #include "TestEnvironment.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QThread>
 #include <QtEndian>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <climits>
 #include <thread>
 
 using namespace quiltest;
@@ -74,18 +76,30 @@ TEST_F(FileInputDeviceTest, HoldsReadsToRealTime)
         ASSERT_TRUE(device.read(&block, 960));   // 20 ms each
     const qint64 elapsed = timer.elapsed();
     EXPECT_GE(elapsed, 2000);
-    EXPECT_LE(elapsed, 2050);
+    // Each of the 100 sleeps may overrun, which is not made up; on cores
+    // shared with other work that adds up to some tens of ms.
+    EXPECT_LE(elapsed, 2120);
     EXPECT_EQ(block, QByteArray(3840, '\0'));   // no file: zeros
+    EXPECT_EQ(device.name(), "File Input Device");
 }
 
+// Frames without bytes (no width, no channels) still take their time; with
+// no rate to pace by, or a block no QByteArray holds, read() fails instead.
 TEST_F(FileInputDeviceTest, BlockDurationIsTruncatedToWholeMilliseconds)
 {
     recordSleeps();
-    struct Case { int rate; int channels; snd_pcm_format_t format; int frames; int bytes; int ms; };
+    struct Case { int rate; int channels; snd_pcm_format_t format; int frames; int bytes; int ms; QString error; };
     const QList<Case> cases{
-        {44100, 2, SND_PCM_FORMAT_S16_LE, 1000, 4000, 22},   // 22.68 ms
-        {48000, 1, SND_PCM_FORMAT_S24_3LE, 47, 141, 0},      // 0.98 ms: no sleep
-        {48000, 2, SND_PCM_FORMAT_S16_LE, 0, 0, 0},
+        {44100, 2, SND_PCM_FORMAT_S16_LE, 1000, 4000, 22, {}},   // 22.68 ms
+        {48000, 1, SND_PCM_FORMAT_S24_3LE, 47, 141, 0, {}},      // 0.98 ms: no sleep
+        {48000, 2, SND_PCM_FORMAT_S16_LE, 0, 0, 0, {}},
+        {48000, 2, SND_PCM_FORMAT_S16_LE, -5, 0, 0, {}},
+        {48000, 2, SND_PCM_FORMAT_UNKNOWN, 480, 0, 10, {}},
+        {48000, 0, SND_PCM_FORMAT_S16_LE, 480, 0, 10, {}},
+        {48000, -2, SND_PCM_FORMAT_S16_LE, 480, 0, 10, {}},
+        {0, 2, SND_PCM_FORMAT_S16_LE, 480, 0, 0, "Cannot pace blocks at a sample rate of 0"},
+        {-44100, 2, SND_PCM_FORMAT_S16_LE, 480, 0, 0, "Cannot pace blocks at a sample rate of -44100"},
+        {48000, 2, SND_PCM_FORMAT_S16_LE, INT_MAX, 0, 0, "Cannot read 2147483647 frames into one block"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.frames);
@@ -94,10 +108,11 @@ TEST_F(FileInputDeviceTest, BlockDurationIsTruncatedToWholeMilliseconds)
         FileInputDevice device(c.rate, c.channels, c.format);
         ASSERT_TRUE(device.open());
         QByteArray block("stale");
-        ASSERT_TRUE(device.read(&block, c.frames));
-        EXPECT_EQ(block, QByteArray(c.bytes, '\0'));
+        EXPECT_EQ(device.read(&block, c.frames), c.error.isEmpty());
+        EXPECT_EQ(block, c.error.isEmpty() ? QByteArray(c.bytes, '\0') : QByteArray("stale"));
+        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), c.error.isEmpty() ? QStringList() : QStringList{c.error});
         EXPECT_EQ(m_log.messages(TRACE_LOG_LEVEL).value(0),
-                  QStringLiteral("Time duration for this buffer: %1 ms").arg(c.ms));
+                  c.error.isEmpty() ? QStringLiteral("Time duration for this buffer: %1 ms").arg(c.ms) : QString());
         // The read follows open() within microseconds; allow for a preempted test thread.
         EXPECT_EQ(m_sleeps.size(), c.ms > 0 ? 1 : 0);
         EXPECT_NEAR(m_sleeps.value(0), c.ms * 1000, 2000);
@@ -217,4 +232,26 @@ TEST_F(FileInputDeviceTest, EndOfFileAndUnreadableFilesGiveZeroBlocks)
     EXPECT_TRUE(m_sleeps.isEmpty());
     ASSERT_TRUE(device.read(&block, 100));
     EXPECT_EQ(block, QByteArray(400, '\0'));
+
+    // A file cut short while it is read ends where it was cut; a deleted one
+    // is read on to its end (the open descriptor keeps it); a directory is
+    // no file to play.
+    const QByteArray large = patternBytes(40000, 2);   // beyond what QFile buffers ahead
+    const QString cut = writeDataFile("cut.raw", large);
+    const QString deleted = writeDataFile("deleted.raw", large);
+    for (const QString& path : {cut, deleted}) {
+        ASSERT_TRUE(device.playFile(path));
+        ASSERT_TRUE(device.read(&block, 100));
+        if (path == cut)
+            ASSERT_TRUE(QFile::resize(path, 20000));
+        else
+            ASSERT_TRUE(QFile::remove(path));
+        m_log.clear();
+        ASSERT_TRUE(device.read(&block, 9900));
+        EXPECT_EQ(block, path == cut ? large.mid(400, 19600) + QByteArray(20000, '\0') : large.mid(400));
+        EXPECT_EQ(m_log.messages(INFO_LOG_LEVEL), path == cut ? QStringList{"No more data to read"} : QStringList());
+    }
+    m_log.clear();
+    EXPECT_FALSE(device.playFile(dataDirectory()));
+    EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), QStringList{"Cannot open file: " + dataDirectory()});
 }

@@ -200,8 +200,9 @@ TEST_F(MixerTest, EveryControlFailureIsLoggedAndLeavesOutputsAlone)
 {
     AlsaCard card("testmix", true);
     auto master = card.loadMixerElement("Master");
+    auto capture = card.loadMixerElement("Capture");
     auto source = card.loadMixerElement("Input Source");
-    ASSERT_TRUE(master && source);
+    ASSERT_TRUE(master && capture && source);
     const QString eio = alsaText(-EIO);
     double dB = 7;
     bool on = true;
@@ -211,19 +212,31 @@ TEST_F(MixerTest, EveryControlFailureIsLoggedAndLeavesOutputsAlone)
     const Case cases[] = {
         {"snd_mixer_selem_set_playback_dB_all", -EIO, [&] { return !master->setDB(-3.5, Playback); },
          "Set dB on: Master to: -3.5 failed: " + eio},
+        {"snd_mixer_selem_set_capture_dB_all", -EIO, [&] { return !capture->setDB(-3.5, Capture); },
+         "Set dB on: Capture to: -3.5 failed: " + eio},
         {"snd_mixer_selem_get_capture_dB", -EIO, [&] { return !master->getDB(&dB, Capture) && dB == 7; },
          "Get dB on: Master failed: " + eio},
         // Positive results are failures too.
         {"snd_mixer_selem_set_playback_volume_all", 1, [&] { return !master->setVolume(5, Playback); },
          "Set volume on: Master to: 5 failed: " + alsaText(1)},
+        {"snd_mixer_selem_set_capture_volume_all", -EIO, [&] { return !capture->setVolume(5, Capture); },
+         "Set volume on: Capture to: 5 failed: " + eio},
         {"snd_mixer_selem_get_playback_volume", -EIO, [&] { return !master->getVolume(&value, Playback); },
          "Get volume on: Master failed: " + eio},
+        {"snd_mixer_selem_get_capture_volume", -EIO, [&] { return !capture->getVolume(&value, Capture); },
+         "Get volume on: Capture failed: " + eio},
         {"snd_mixer_selem_get_playback_volume_range", -EIO,
          [&] { return !master->getVolumeRange(&value, &value, Playback); }, "Get volume range on: Master failed: " + eio},
+        {"snd_mixer_selem_get_capture_volume_range", -EIO,
+         [&] { return !capture->getVolumeRange(&value, &value, Capture); }, "Get volume range on: Capture failed: " + eio},
+        {"snd_mixer_selem_set_playback_switch_all", -EIO, [&] { return !master->setSwitch(false, Playback); },
+         "Set switch on: Master to: 0 failed: " + eio},
         {"snd_mixer_selem_set_capture_switch_all", -EIO, [&] { return !master->setSwitch(true, Capture); },
          "Set switch on: Master to: 1 failed: " + eio},
         {"snd_mixer_selem_get_playback_switch", -EIO, [&] { return !master->getSwitch(&on, Playback) && on; },
          "Get switch: Master failed: " + eio},
+        {"snd_mixer_selem_get_capture_switch", -EIO, [&] { return !capture->getSwitch(&on, Capture) && on; },
+         "Get switch: Capture failed: " + eio},
         {"snd_mixer_selem_set_enum_item", -EINVAL, [&] { return !source->setEnum(9); },
          "Set Enum: Input Source failed: " + alsaText(-EINVAL)},
         {"snd_mixer_selem_get_enum_item", -EIO, [&] { unsigned int i; return !source->getEnum(&i); },
@@ -235,6 +248,7 @@ TEST_F(MixerTest, EveryControlFailureIsLoggedAndLeavesOutputsAlone)
         // The queries answer false and never log.
         {"snd_mixer_selem_get_playback_dB", -EINVAL, [&] { return !master->hasDB(Playback); }, ""},
         {"snd_mixer_selem_has_playback_switch", 0, [&] { return !master->hasSwitch(Playback); }, ""},
+        {"snd_mixer_selem_has_capture_switch", 0, [&] { return !capture->hasSwitch(Capture); }, ""},
         {"snd_mixer_selem_is_enumerated", 0, [&] { return !source->isEnumerated(); }, ""},
     };
     for (const Case& c : cases) {
@@ -282,6 +296,7 @@ TEST_F(MixerTest, CardOpensOnceAndSharesOneElementPerName)
     EXPECT_STREQ(AlsaCard::DefaultName, "default");
     AlsaCard card("testmix", false);
     EXPECT_FALSE(card.isOpen());
+    EXPECT_EQ(card.name(), "testmix");
     EXPECT_FALSE(card.loadMixerElement("master"));
     EXPECT_FALSE(card.loadMixerElement(""));
     ASSERT_TRUE(card.open());
@@ -312,6 +327,12 @@ TEST_F(MixerTest, CardOpensOnceAndSharesOneElementPerName)
     EXPECT_FALSE(missing.isOpen());
     EXPECT_FALSE(missing.open());
     EXPECT_EQ(m_log.startingWith(ERROR_LOG_LEVEL, "Mixer attach no_such_mixer error: ").size(), 2);
+    m_log.clear();
+    AlsaCard unnamed("", true);
+    EXPECT_FALSE(unnamed.isOpen());
+    EXPECT_FALSE(unnamed.loadMixerElement("master"));
+    EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), (QStringList{"Mixer attach  error: " + alsaText(-ENOENT),
+                                                           "Cannot load mixer element, not opened "}));
 }
 
 TEST_F(MixerTest, MixerClosesItselfForGoodOnPollErrorOrDeadBackend)
@@ -336,6 +357,8 @@ TEST_F(MixerTest, MixerClosesItselfForGoodOnPollErrorOrDeadBackend)
         EXPECT_EQ(handle->guessElementName("master"), "");
         EXPECT_FALSE(handle->findElement("Master"));
         handle->close();
+        // A wake-up still on its way when the handle closed changes nothing.
+        QMetaObject::invokeMethod(handle.data(), "on_alsaMixerEvent_received", Q_ARG(int, -1));
         expectRetired(*master, m_log);
         EXPECT_LT(cpuSecondsOverEventLoop(300), 0.03) << "busy after the mixer closed";
         master.reset();
@@ -393,10 +416,54 @@ TEST_F(MixerTest, FailingReventsCountsAsNoEvents)
     auto handle = AlsaMixerHandle::openHandle("testmix");
     auto master = elementOn(handle, "Master");
     QSignalSpy spy(master.data(), &AlsaMixerElement::changed);
-    faults::setHook<int(snd_mixer_t*, pollfd*, unsigned int, unsigned short*)>(
-        "snd_mixer_poll_descriptors_revents", [](snd_mixer_t*, pollfd*, unsigned int, unsigned short*) { return -EINVAL; });
+    faults::arm("snd_mixer_poll_descriptors_revents", -EINVAL, -1);
     command("set Master Playback Volume 2");
     EXPECT_TRUE(spy.wait(2000));
     EXPECT_TRUE(handle->isOpen());
+    EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).isEmpty());
+}
+
+// A lookup that ALSA answers with nothing fails the load with its line and
+// leaves the card usable; a callback whose object ALSA cannot hand back is
+// dropped; a failing close still releases the mixer.
+TEST_F(MixerTest, LookupAndTeardownFailuresLeaveNothingBehind)
+{
+    struct Case { const char* function; long result; int after; const char* name; QString error; };
+    const Case cases[] = {
+        {"snd_mixer_first_elem", 0, 0, "master", "Element 'master' ('') not found"},
+        {"snd_mixer_elem_next", 0, 0, "zoom", "Element 'zoom' ('') not found"},   // the list ends after its first
+        {"snd_mixer_selem_is_active", 0, 0, "master", "Element 'master' ('') not found"},
+        {"snd_mixer_find_selem", 0, 0, "master", "Element 'master' ('Master') not found"},
+    };
+    AlsaCard card("testmix", true);
+    for (const Case& c : cases) {
+        faults::reset();
+        faults::arm(c.function, c.result, -1, c.after);
+        m_log.clear();
+        EXPECT_FALSE(card.loadMixerElement(c.name)) << c.function;
+        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), QStringList{c.error});
+        faults::reset();
+        EXPECT_TRUE(card.loadMixerElement(c.name)) << c.function;
+    }
+
+    auto master = card.loadMixerElement("master");
+    auto zoom = card.loadMixerElement("zoom");
+    QSignalSpy spy(master.data(), &AlsaMixerElement::changed);
+    faults::arm("snd_mixer_elem_get_callback_private", 0);
+    command("set Master Playback Volume 3");
+    flushEvents(zoom);
+    EXPECT_EQ(spy.count(), 0);
+    command("set Master Playback Volume 4");
+    flushEvents(zoom);
+    EXPECT_EQ(spy.count(), 1);
+
+    master.reset();
+    zoom.reset();
+    faults::arm("snd_mixer_close", -EIO);
+    m_log.clear();
+    {
+        AlsaCard closing("testmix", true);
+    }
+    EXPECT_EQ(faults::openMixerHandles(), 1);   // only `card`'s
     EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).isEmpty());
 }

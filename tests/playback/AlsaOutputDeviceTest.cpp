@@ -79,8 +79,11 @@ TEST_F(AlsaOutputDeviceTest, PeriodBufferAndThresholdFollowTheLastSetterOfEachPa
         {"sizes override times", 20, 100,
          [](AlsaOutputDevice& d) { d.setPeriodSize(1024); d.setBufferSize(8192); d.setStartThreshold(2048); }, 1024, 8192, 2048},
         {"a later time overrides a size", 20, 100,
-         [](AlsaOutputDevice& d) { d.setPeriodSize(1024); d.setPeriodTimeMs(10); d.setStartThreshold(99); d.setStartThresholdMs(50); },
-         480, 4800, 2400},
+         [](AlsaOutputDevice& d) {
+             d.setPeriodSize(1024); d.setPeriodTimeMs(10); d.setBufferSize(8192); d.setBufferTimeMs(200);
+             d.setStartThreshold(99); d.setStartThresholdMs(50);
+         },
+         480, 9600, 2400},
         {"threshold beyond the buffer", 20, 100, [](AlsaOutputDevice& d) { d.setStartThresholdMs(1000); }, 960, 4800, 4800},
         {"neither given", -1, -1, [](AlsaOutputDevice&) {}, 0, 0, 0},
         {"counts of 0 and below ask for nothing", 20, 100,
@@ -223,11 +226,14 @@ TEST_F(AlsaOutputDeviceTest, FramesReadyReportsRecoversOrFails)
     faults::arm("snd_pcm_avail_update", -EPIPE);
     EXPECT_EQ(device.framesReady(), 0);
     EXPECT_EQ(faults::calls("snd_pcm_recover"), 1);
+    faults::arm("snd_pcm_avail_update", -EPIPE);
+    faults::arm("snd_pcm_recover", -ENODEV);   // not recovered: silently so
+    EXPECT_EQ(device.framesReady(), 0);
     faults::arm("snd_pcm_avail_update", -EBADFD);
     EXPECT_EQ(device.framesReady(), -1);
+    const QString xrun = runtimeError("AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ", -EPIPE);
     EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL),
-              (QStringList{runtimeError("AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ", -EPIPE),
-                           runtimeError("AlsaOutputDevice: error while getting available frames: (", -EBADFD)}));
+              (QStringList{xrun, xrun, runtimeError("AlsaOutputDevice: error while getting available frames: (", -EBADFD)}));
     EXPECT_TRUE(device.isOpened());
 }
 
@@ -286,6 +292,7 @@ TEST_F(AlsaOutputDeviceTest, CloseDrainsOnlyWhenAskedAndAlwaysCloses)
         EXPECT_EQ(faults::calls("snd_pcm_drain"), 1);
         ASSERT_TRUE(device.open());
         faults::arm("snd_pcm_drain", -EIO);
+        faults::arm("snd_pcm_close", -EIO);
         device.close(AudioOutputDevice::Drain);
         EXPECT_FALSE(device.isOpened());
         EXPECT_EQ(faults::openPcmHandles(), 0);
@@ -303,6 +310,7 @@ TEST_F(AlsaOutputDeviceTest, CloseDrainsOnlyWhenAskedAndAlwaysCloses)
 TEST_F(AlsaOutputDeviceTest, OpenTracesItsStepsAndKeepsAnOpenStreamAsItIs)
 {
     AlsaOutputDevice device(QStringLiteral("null"), 48000, 2, S16, 20, 100);
+    EXPECT_EQ(device.name(), "null");
     ASSERT_TRUE(device.open());
     EXPECT_EQ(m_log.messages(TRACE_LOG_LEVEL),
               (QStringList{"Enter virtual bool AlsaOutputDevice::open(): ", "Playback device opened.",
@@ -378,5 +386,37 @@ TEST_F(AlsaOutputDeviceTest, EveryFailingNegotiationStepLogsItsMessageAndRelease
         EXPECT_EQ(faults::openPcmHandles(), 0);
         const QString closing = QString(step.message).endsWith('(') ? ")" : "";
         EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), QStringList{step.message + alsaText(step.code) + closing});
+    }
+}
+
+// Parameters no PCM can honour fail open() at their step with its line; a
+// rate beyond the int range (a negative rate, converted) is refused although
+// null would take it, and negative times ask for nothing, like -1.
+TEST_F(AlsaOutputDeviceTest, BadParametersFailOpenAtTheirStep)
+{
+    struct Case { QString name; unsigned rate, channels; snd_pcm_format_t format; int periodMs, bufferMs; QString error; };
+    const QString inval = alsaText(-EINVAL);
+    const QList<Case> cases{
+        {"", 48000, 2, S16, 20, 100, "Cannot open playback device '': " + alsaText(-ENOENT)},
+        {"null", 48000, 2, SND_PCM_FORMAT_UNKNOWN, 20, 100, "Cannot set sample format: " + inval},
+        {"null", 48000, 2, SND_PCM_FORMAT_S24_LE, 20, 100, "Cannot set sample format: " + inval},
+        {"null", 48000, 0, S16, 20, 100, "Could not set channel count to: 0"},
+        {"null", 0, 2, S16, 20, 100, "Could not set sample rate to: 0"},
+        {"null", static_cast<unsigned>(-48000), 2, S16, 20, 100, "Cannot set sample rate: " + inval},
+        {"null", 48000, 2, S16, -20, -100000, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.error.toStdString());
+        m_log.clear();
+        faults::reset();
+        faults::setHook<int(useconds_t)>("usleep", [](useconds_t) { return 0; });
+        AlsaOutputDevice device(c.name, c.rate, c.channels, c.format, c.periodMs, c.bufferMs);
+        device.setStartThresholdMs(-5);
+        EXPECT_EQ(device.open(), c.error.isEmpty());
+        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL), c.error.isEmpty() ? QStringList() : QStringList{c.error});
+        EXPECT_EQ(faults::calls("snd_pcm_hw_params_set_period_size_near") + faults::calls("snd_pcm_hw_params_set_buffer_size_near")
+                      + faults::calls("snd_pcm_sw_params_set_start_threshold"), 0);
+        EXPECT_EQ(device.write(patternBytes(400)), c.error.isEmpty() ? AudioOutputDevice::Written : AudioOutputDevice::DeviceClosed);
+        EXPECT_EQ(faults::openPcmHandles(), c.error.isEmpty() ? 1 : 0);
     }
 }

@@ -2,6 +2,7 @@
 
 #include "FileOutputDevice.h"
 
+#include "LogCapture.h"
 #include "TestEnvironment.h"
 
 #include <gtest/gtest.h>
@@ -37,14 +38,30 @@ TEST(FileOutputDeviceTest, WritesRawBlocksAndStartsEmptyOnEveryReopen)
     EXPECT_EQ(fileContent(path), QByteArray());
 }
 
-TEST(FileOutputDeviceTest, ReportsItsConstructionValuesAndAFixedName)
+// open() reports an unusable path by its result alone; writes to a file the
+// file system refuses (here a full device) are dropped without a word.
+TEST(FileOutputDeviceTest, UnwritablePathsFailOpenAndRefusedWritesStillCount)
 {
-    FileOutputDevice device(dataDirectory() + QStringLiteral("/no/such/dir/out.raw"), 8000, 1,
-                            SND_PCM_FORMAT_S32_LE);
-    EXPECT_FALSE(device.open());
-    EXPECT_FALSE(device.isOpened());
-    EXPECT_EQ(device.sampleRate(), 8000);
-    EXPECT_EQ(device.channelCount(), 1);
-    EXPECT_EQ(device.bytesPerSample(), 4);
-    EXPECT_EQ(device.name(), QStringLiteral("File Output Device"));
+    struct Case { QString path; bool opens; };
+    const QList<Case> cases{
+        {dataDirectory() + QStringLiteral("/no/such/dir/out.raw"), false},
+        {dataDirectory(), false},
+        {QString(), false},
+        {QStringLiteral("/dev/full"), true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path.toStdString());
+        LogCapture log;
+        FileOutputDevice device(c.path, 8000, 1, SND_PCM_FORMAT_S32_LE);
+        EXPECT_EQ(device.open(), c.opens);
+        EXPECT_EQ(device.isOpened(), c.opens);
+        EXPECT_EQ(device.write(patternBytes(100000)), AudioOutputDevice::Written);
+        device.close(AudioOutputDevice::Drain);
+        EXPECT_FALSE(device.isOpened());
+        EXPECT_TRUE(log.records().isEmpty());
+        EXPECT_EQ(device.sampleRate(), 8000);
+        EXPECT_EQ(device.channelCount(), 1);
+        EXPECT_EQ(device.bytesPerSample(), 4);
+        EXPECT_EQ(device.name(), QStringLiteral("File Output Device"));
+    }
 }

@@ -21,6 +21,7 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
 
+#include <climits>
 #include <future>
 #include <random>
 
@@ -116,6 +117,14 @@ TEST_F(ProviderTest, ByteCountsAreWholeFramesTruncatedTowardZero)
         {44100, 2, 2, 3, 528},    // 529.2 bytes, cut to whole frames
         {44100, 2, 2, -3, -528},
         {44100, 2, 3, 3, 792},    // 793.8
+        // Beyond the int range the counts stay at its ends, in whole frames.
+        {48000, 2, 2, INT_MAX, INT_MAX - 3},
+        {48000, 2, 2, INT_MIN, INT_MIN},
+        {192000, 1024, 4, 3000, INT_MAX - 4095},
+        // A device without rate, channels or sample width has no bytes to count.
+        {0, 2, 2, 100, 0},
+        {48000, 0, 2, 100, 0},
+        {48000, 2, 0, 100, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.ms);
@@ -123,7 +132,13 @@ TEST_F(ProviderTest, ByteCountsAreWholeFramesTruncatedTowardZero)
         AudioInputDataProviderThread worker(&device, 0, 1);
         EXPECT_EQ(worker.msToByteCount(c.ms), c.bytes);
         EXPECT_EQ(worker.frameCountToByteCount(1024), 1024 * c.channels * c.bytesPerSample);
+        EXPECT_EQ(worker.frameCountToByteCount(INT_MIN), c.channels * c.bytesPerSample ? INT_MIN : 0);
     }
+    // Products beyond even 64 bits stay at the ends of the int range.
+    ScriptedInputDevice absurd(INT_MAX, INT_MAX, 8);
+    AudioInputDataProviderThread worker(&absurd, 0, 1);
+    EXPECT_EQ(worker.frameCountToByteCount(INT_MAX), INT_MAX);
+    EXPECT_EQ(worker.msToByteCount(3), INT_MAX);
 }
 
 TEST_F(ProviderTest, PrefillIsTheNewestOffsetOfTheRingAndAtMostTheRing)
@@ -136,6 +151,9 @@ TEST_F(ProviderTest, PrefillIsTheNewestOffsetOfTheRingAndAtMostTheRing)
         {1000, 0, 0, {}},
         {1000, -20, 0, {}},
         {0, 10, 0, "Requested offset '1920' calculated from offsetMs '10' is bigger than the amount of data in the buffer: 0"},
+        {1000, INT_MAX, 192000,
+         "Requested offset '2147483644' calculated from offsetMs '2147483647' is bigger than the amount of data in the buffer: 192000"},
+        {1000, INT_MIN, 0, {}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.offsetMs);
@@ -157,6 +175,8 @@ TEST_F(ProviderTest, ConstructorAssertsReadSizeAndRingCapacity)
         {10, 481, "m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames)"},   // 10 ms hold 480 frames
         {10, 480, {}},
         {0, 100000, {}},   // no ring, nothing to hold
+        // A ring no QByteArray holds is not attempted: empty, it holds no read.
+        {4000000000u, 480, "m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames)"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.readFrames);

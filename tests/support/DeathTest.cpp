@@ -6,10 +6,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#if defined(QUIL_TEST_COVERAGE)
+// Neither _exit() nor an abort writes the counts of a coverage build
+// (scripts/coverage.sh), so the child writes them itself before it ends.
+extern "C" void __gcov_dump();
+#endif
+
 namespace quiltest {
 
 namespace {
 int s_pipeFd = -1;
+
+void writeCoverageCounts()
+{
+#if defined(QUIL_TEST_COVERAGE)
+    __gcov_dump();
+#endif
+}
 
 void reportFatal(QtMsgType type, const QMessageLogContext&, const QString& message)
 {
@@ -17,6 +30,7 @@ void reportFatal(QtMsgType type, const QMessageLogContext&, const QString& messa
         return;
     const QByteArray bytes = message.toUtf8();
     (void)!write(s_pipeFd, bytes.constData(), static_cast<size_t>(bytes.size()));
+    writeCoverageCounts();
 }
 } // namespace
 
@@ -31,6 +45,7 @@ DeathResult runInChild(const std::function<void()>& body)
         s_pipeFd = fds[1];
         qInstallMessageHandler(reportFatal);
         body();
+        writeCoverageCounts();
         _exit(0);
     }
     ::close(fds[1]);

@@ -1,6 +1,7 @@
 #include "AudioInputDataProviderThread.h"
 
 #include "AudioLog_p.h"
+#include "PcmFormat_p.h"
 #include "PcmRing_p.h"
 #include "Synchronization_p.h"
 
@@ -41,6 +42,14 @@ const QByteArray& silenceBlock(int firstBlockSize)
     return silence;
 }
 
+// A ring too large for one QByteArray (a duration far beyond the range that
+// callers may use) is not attempted: left empty, it is reported by the
+// ring-capacity assertion like any other ring that cannot hold a read.
+int heldRingBytes(int bytes)
+{
+    return bytes <= quil::MaxBlockBytes ? bytes : 0;
+}
+
 } // namespace
 
 AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* device,
@@ -50,7 +59,7 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
     , m_device(device)
     , m_readSizeFrames(oneReadSizeFrames)
     , m_liveFeed()
-    , m_ringBuffer(msToByteCount(static_cast<int>(bufferDurationMs)), '\0')
+    , m_ringBuffer(heldRingBytes(msToByteCount(quil::clampedToInt(bufferDurationMs))), '\0')
     , m_link(new quil::WorkerLink{{}, this})
 {
     Q_ASSERT(oneReadSizeFrames > 0);
@@ -183,18 +192,21 @@ void AudioInputDataProviderThread::forgetFeed(unsigned int key)
     m_heldFeeds.remove(key);
 }
 
+// Both conversions compute in 64 bits and clamp to the int range: in range
+// the results equal the 32-bit computation, beyond it they stay at its end
+// (an offset of INT_MAX ms is then simply more than the ring holds) instead
+// of overflowing into some small or negative count.
 int AudioInputDataProviderThread::frameCountToByteCount(int frames) const
 {
-    return m_device->channelCount() * frames * m_device->bytesPerSample();
+    const qint64 samples = quil::saturatedProduct(m_device->channelCount(), frames);
+    return quil::clampedToInt(quil::saturatedProduct(samples, m_device->bytesPerSample()));
 }
 
 int AudioInputDataProviderThread::msToByteCount(int ms) const
 {
-    const qint64 bytesPerSecond = m_device->bytesPerSample() * (m_device->sampleRate() * m_device->channelCount());
-    // 64 bits only keep out-of-range durations from overflowing; in range the
-    // result equals the 32-bit computation.
-    const int bytes = static_cast<int>(ms * bytesPerSecond / 1000);
     const int frameBytes = frameCountToByteCount(1);
+    const qint64 bytesPerSecond = quil::saturatedProduct(frameBytes, m_device->sampleRate());
+    const int bytes = quil::clampedToInt(quil::saturatedProduct(ms, bytesPerSecond) / 1000);
     return frameBytes > 0 ? bytes - bytes % frameBytes : bytes;
 }
 
@@ -224,9 +236,12 @@ void AudioInputDataProviderThread::on_dataProvider_started()
 // open, which the next run's open() accepts.
 bool AudioInputDataProviderThread::captureWhileRunning()
 {
+    // A read size beyond the int range is asked for as INT_MAX frames, which a
+    // device refuses, rather than as a negative count it might take for 0.
+    const int readFrames = quil::clampedToInt(m_readSizeFrames);
     while (m_running) {
         QByteArray block;
-        if (!m_device->read(&block, static_cast<int>(m_readSizeFrames))) {
+        if (!m_device->read(&block, readFrames)) {
             LOG4CPLUS_ERROR(logger, "Error while reading the input device, restarting provider in "
                                         << RestartDelayMs << " ms");
             QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this, SLOT(on_dataProvider_started()));

@@ -64,7 +64,8 @@ public:
     /// Bytes of `frames` frames of the device's format.
     int frameCountToByteCount(int frames) const;
     /// Bytes of `ms` milliseconds, truncated toward zero to whole frames.
-    /// Defined for ms × bytes per second up to 2^31 - 1.
+    /// Meant for ms × bytes per second up to 2^31 - 1; beyond that, both
+    /// conversions are clamped to the int range.
     int msToByteCount(int ms) const;
 
 private slots:

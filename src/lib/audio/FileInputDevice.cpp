@@ -34,15 +34,28 @@ bool FileInputDevice::isOpened()
 
 bool FileInputDevice::read(QByteArray* buffer, int frameCount)
 {
-    const int frameBytes = bytesPerSample() * m_channelCount;
-    buffer->fill(0, frameBytes * frameCount);
+    // Without a positive rate a block has no duration to pace by, and the
+    // provider would spin through reads at full speed; fail as on a read error.
+    if (m_sampleRate <= 0) {
+        LOG4CPLUS_ERROR(logger, "Cannot pace blocks at a sample rate of " << m_sampleRate);
+        return false;
+    }
+    // A format without a width, or no channels, gives frames of no bytes:
+    // empty blocks, still paced by their frame count.
+    const qint64 frameBytes = qMax<qint64>(0, static_cast<qint64>(bytesPerSample()) * m_channelCount);
+    const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
+    if (blockBytes < 0) {
+        LOG4CPLUS_ERROR(logger, "Cannot read " << frameCount << " frames into one block");
+        return false;
+    }
+    buffer->fill(0, static_cast<int>(blockBytes));
     const qint64 missing = readFileInto(buffer);
     if (missing < 0)
         return false;
 
-    // A format without a width gives empty frames: count the block as full.
-    const qint64 framesRead = frameBytes > 0 ? frameCount - missing / frameBytes : frameCount;
-    const int durationMs = m_sampleRate > 0 ? static_cast<int>(1000 * framesRead / m_sampleRate) : 0;
+    const qint64 frames = qMax(frameCount, 0);
+    const qint64 framesRead = frameBytes > 0 ? frames - missing / frameBytes : frames;
+    const qint64 durationMs = 1000 * framesRead / m_sampleRate;
     LOG4CPLUS_TRACE(logger, "Time duration for this buffer: " << durationMs << " ms");
     pace(durationMs);
     return true;
@@ -76,7 +89,7 @@ qint64 FileInputDevice::readFileInto(QByteArray* buffer)
 
 // Only the time between reads counts towards the lag, not the sleep itself, so
 // an oversleep is not made up later.
-void FileInputDevice::pace(int durationMs)
+void FileInputDevice::pace(qint64 durationMs)
 {
     // Reading before open() (which starts the timer) counts as no time passed.
     m_lagMs += m_timer.isValid() ? m_timer.elapsed() : 0;

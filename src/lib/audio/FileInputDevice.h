@@ -31,8 +31,9 @@ public:
     /// Always true, with or without a file.
     bool isOpened() override;
     /// Delivers exactly frameCount frames: the file's next bytes, zero-filled
-    /// where the file has none. Sleeps until the block is due. False only on a
-    /// file read error (the file is then closed).
+    /// where the file has none. Sleeps until the block is due. False on a
+    /// file read error (the file is then closed), at a sample rate of 0 or
+    /// below (nothing to pace by), and for a block above 2^31 bytes.
     bool read(QByteArray* buffer, int frameCount) override;
     int sampleRate() const override;
     int bytesPerSample() const override;
@@ -47,7 +48,7 @@ public:
 
 private:
     qint64 readFileInto(QByteArray* buffer);
-    void pace(int durationMs);
+    void pace(qint64 durationMs);
 
     QFile m_file;
     QMutex m_mutex;

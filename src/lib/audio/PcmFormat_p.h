@@ -1,8 +1,12 @@
 #pragma once
 
+#include <QtGlobal>
+
 #include <alsa/asoundlib.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <limits>
 
 namespace quil {
 
@@ -15,12 +19,61 @@ inline int bytesPerSampleOf(snd_pcm_format_t format)
     return width > 0 ? width / 8 : 0;
 }
 
+// True when a sample of `format` takes exactly bytesPerSampleOf(format) bytes
+// in memory. Blocks are sized in those units, so only such formats may reach
+// an ALSA stream: with padded samples (S24_LE keeps 3 bytes in 4) or samples
+// narrower than a byte, ALSA would read or write past the end of a block.
+inline bool hasWholeByteSamples(snd_pcm_format_t format)
+{
+    const int width = snd_pcm_format_width(format);
+    return width > 0 && width % 8 == 0 && snd_pcm_format_physical_width(format) == width;
+}
+
+// snd_pcm_hw_params_set_format for the formats above; any other is refused
+// with -EINVAL before ALSA sees it (libasound asserts on values it does not
+// know, such as SND_PCM_FORMAT_UNKNOWN, instead of failing).
+inline int setWholeByteFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, snd_pcm_format_t format)
+{
+    if (!hasWholeByteSamples(format))
+        return -EINVAL;
+    return snd_pcm_hw_params_set_format(pcm, params, format);
+}
+
 // Frames in ms milliseconds at sampleRate: rate × ms / 1000, truncated toward
 // zero. Callers keep the product below 2^31; computing it in 64 bits gives the
 // same frames there and keeps a caller who does not from signed overflow.
 inline snd_pcm_uframes_t framesForMs(int64_t sampleRate, int ms)
 {
     return static_cast<snd_pcm_uframes_t>(sampleRate * ms / 1000);
+}
+
+// a × b, saturated to the 64-bit range instead of overflowing.
+inline qint64 saturatedProduct(qint64 a, qint64 b)
+{
+    qint64 product = 0;
+    if (!__builtin_mul_overflow(a, b, &product))
+        return product;
+    return (a < 0) == (b < 0) ? std::numeric_limits<qint64>::max() : std::numeric_limits<qint64>::min();
+}
+
+// The byte arithmetic is defined in the int range; a value beyond it stands
+// for "more than any block or ring can hold" and is clamped to its end rather
+// than wrapped around to something small or of the other sign.
+inline int clampedToInt(qint64 value)
+{
+    return static_cast<int>(qBound<qint64>(std::numeric_limits<int>::min(), value, std::numeric_limits<int>::max()));
+}
+
+// The largest block a device hands out: one QByteArray holds up to 2^31 - 1
+// bytes including Qt's small header.
+constexpr qint64 MaxBlockBytes = std::numeric_limits<int>::max() - 1024;
+
+// Bytes of a block of `frames` frames (none for a count of 0 or below) of
+// `frameBytes` bytes each, or -1 when that is more than MaxBlockBytes.
+inline qint64 blockByteCount(int frames, qint64 frameBytes)
+{
+    const qint64 bytes = saturatedProduct(qMax(frames, 0), qMax<qint64>(frameBytes, 0));
+    return bytes <= MaxBlockBytes ? bytes : -1;
 }
 
 } // namespace quil

@@ -91,8 +91,7 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params access set");
 
-    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_format(m_pcm, params, m_format),
-                         "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED(quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params format set: " << static_cast<int>(m_format));
 
@@ -110,8 +109,10 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
     }
     LOG4CPLUS_TRACE(logger, "hw_params channels was set to: " << channels);
 
-    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_rate(m_pcm, params, m_sampleRate, 0),
-                         "Cannot set sample rate: "))
+    // ALSA's rate is unsigned: a negative one would reach it as a rate of some
+    // four billion Hz, which plugins such as null accept.
+    const int rateResult = m_sampleRate > 0 ? snd_pcm_hw_params_set_rate(m_pcm, params, m_sampleRate, 0) : -EINVAL;
+    if (QUIL_ALSA_FAILED(rateResult, "Cannot set sample rate: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
 
@@ -149,13 +150,20 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
     if (frameCount <= 0)
         frameCount = DefaultReadFrames;
 
-    const int frameBytes = bytesPerSample() * static_cast<int>(m_channelCount);
-    buffer->resize(frameCount * frameBytes);
+    // Plugins accept up to 2^30 channels, so the block size is computed in 64
+    // bits; one too large for a QByteArray is not read at all.
+    const qint64 frameBytes = static_cast<qint64>(bytesPerSample()) * m_channelCount;
+    const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
+    if (blockBytes < 0) {
+        LOG4CPLUS_ERROR(logger, "AlsaInputDevice: Cannot read " << frameCount << " frames into one block");
+        return false;
+    }
+    buffer->resize(static_cast<int>(blockBytes));
     snd_pcm_sframes_t frames = 0;
     while (m_pcm) {
         frames = snd_pcm_readi(m_pcm, buffer->data(), static_cast<snd_pcm_uframes_t>(frameCount));
         if (frames > 0) {
-            buffer->resize(static_cast<int>(frames) * frameBytes);
+            buffer->resize(static_cast<int>(frames * frameBytes));
             return true;
         }
         if (frames == 0)

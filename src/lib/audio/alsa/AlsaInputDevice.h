@@ -22,13 +22,16 @@ public:
     ~AlsaInputDevice() override;
 
     /// Opens the PCM (4 attempts, 250 ms apart) and sets its hardware parameters.
-    /// True at once when already open.
+    /// True at once when already open. A format whose samples are not whole
+    /// bytes in memory (padded like S24_LE, narrower, or without a width) is
+    /// refused at the format step.
     bool open() override;
     /// Closes the PCM; harmless when closed.
     void close() override;
     bool isOpened() override;
     /// Reads up to frameCount frames (2048 when frameCount <= 0); a short read is
-    /// returned as it is. False when the device is closed or could not recover.
+    /// returned as it is. False when the device is closed or could not recover,
+    /// and, leaving the device open, when the block would exceed 2^31 bytes.
     bool read(QByteArray* buffer, int frameCount) override;
     int sampleRate() const override;
     int bytesPerSample() const override;

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <limits>
 #include <optional>
 
 QUIL_AUDIO_DEFINE_LOGGER();
@@ -25,12 +26,14 @@ int requestedFrameCount(int frames)
 }
 
 // The frames asked for by a frames/ms pair: the frames when given, else the
-// ms at the negotiated rate; nothing when neither was asked for.
+// ms at the negotiated rate; nothing when neither was asked for. A time below
+// 0 asks for nothing either, as a frame count does: converted, it would wrap
+// around to an absurd unsigned frame count.
 std::optional<snd_pcm_uframes_t> requestedFrames(int frames, int ms, unsigned int sampleRate)
 {
     if (frames > 0)
         return static_cast<snd_pcm_uframes_t>(frames);
-    if (frames == NotRequested && ms == NotRequested)
+    if (ms < 0)
         return std::nullopt;
     return quil::framesForMs(sampleRate, ms);
 }
@@ -159,8 +162,7 @@ bool AlsaOutputDevice::setHwParams()
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams access set");
 
-    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_format(m_pcm, params, m_format),
-                         "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED(quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams format set: " << static_cast<int>(m_format));
 
@@ -188,8 +190,12 @@ bool AlsaOutputDevice::negotiateChannels(snd_pcm_hw_params_t* params)
 bool AlsaOutputDevice::negotiateRate(snd_pcm_hw_params_t* params)
 {
     m_sampleRate = m_requestedSampleRate;
-    if (QUIL_ALSA_FAILED(snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr),
-                         "Cannot set sample rate: "))
+    // sampleRate() reports the rate as an int: a larger one (a negative rate
+    // converted by the caller) is refused, although plugins such as null take it.
+    const int result = m_sampleRate <= static_cast<unsigned int>(std::numeric_limits<int>::max())
+        ? snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr)
+        : -EINVAL;
+    if (QUIL_ALSA_FAILED(result, "Cannot set sample rate: "))
         return false;
     if (m_sampleRate != m_requestedSampleRate && !m_samplerateNear) {
         LOG4CPLUS_ERROR(logger, "Could not set sample rate to: " << m_requestedSampleRate);

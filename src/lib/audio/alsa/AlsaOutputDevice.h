@@ -8,7 +8,9 @@
 
 /// Plays interleaved PCM through an ALSA playback PCM opened in blocking mode.
 ///
-/// The sample format is always set exactly. Rate and channel count are set
+/// The sample format is always set exactly; one whose samples are not whole
+/// bytes in memory (padded like S24_LE, narrower, or without a width) is
+/// refused, since write() counts frames in bytesPerSample() units. Rate and channel count are set
 /// exactly unless enableSamplerateNear() / enableChannelsNear() allow ALSA's
 /// nearest choice. Period, buffer and start threshold may each be asked for in
 /// milliseconds or in frames (the later setter of a pair wins) or be left to
@@ -21,8 +23,8 @@
 class QUIL_AUDIO_EXPORT AlsaOutputDevice : public AudioOutputDevice
 {
 public:
-    /// Touches no hardware. A time of -1 leaves that quantity to ALSA unless a
-    /// setter asks for it later.
+    /// Touches no hardware. A time of -1 (or any below 0) leaves that quantity
+    /// to ALSA unless a setter asks for it later.
     AlsaOutputDevice(const QString& deviceName, unsigned int sampleRate, unsigned int channels,
                      _snd_pcm_format format, int periodTimeMs, int bufferTimeMs);
     /// Closes the device with Immediate: queued audio is discarded.
@@ -54,17 +56,17 @@ public:
     /// The PCM name.
     QString name() const override;
 
-    /// Period length in ms; resets a period size set before.
+    /// Period length in ms; resets a period size set before; below 0 asks for nothing.
     void setPeriodTimeMs(int ms);
     /// Period length in frames; resets a period time set before. A count of 0
     /// or below asks for nothing: ALSA chooses, as with -1.
     void setPeriodSize(int frames);
-    /// Buffer length in ms; resets a buffer size set before.
+    /// Buffer length in ms; resets a buffer size set before; below 0 asks for nothing.
     void setBufferTimeMs(int ms);
     /// Buffer length in frames; resets a buffer time set before. A count of 0
     /// or below asks for nothing: ALSA chooses, as with -1.
     void setBufferSize(int frames);
-    /// Start threshold in ms; resets a threshold in frames set before.
+    /// Start threshold in ms; resets a threshold in frames set before; below 0 asks for nothing.
     void setStartThresholdMs(int ms);
     /// Start threshold in frames; resets a threshold in ms set before. A count
     /// of 0 or below asks for nothing: the device's default stays, as with -1.

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Soak run, not part of CI: capture with feeds that come and go, playback with
+# xruns and reopens, and mixer changes made from outside, all against a
+# private PulseAudio server, for the given time. Every few seconds the load's
+# resident memory, open descriptors and threads go into a CSV; a summary of
+# it and of what the load did is printed at the end.
+# Usage: scripts/soak.sh [SECONDS (600)] [CSV (build/soak.csv)]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+duration=${1:-600}
+csv=${2:-build/soak.csv}
+interval=5
+
+cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build/test -j2 --target quil_soak >/dev/null
+
+dir=$(mktemp -d /tmp/quil-soak-XXXXXX)
+pids=()
+cleanup() {
+    local pid
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$dir"
+}
+trap cleanup EXIT
+
+# The server, as the tests start theirs: a null sink, an anonymous socket.
+mkdir -m 700 "$dir/run" "$dir/home"
+cat >"$dir/pa.pa" <<EOF
+load-module module-null-sink sink_name=testsink rate=48000 channels=2 format=s16le
+load-module module-native-protocol-unix auth-anonymous=1 socket=$dir/run/native
+set-default-sink testsink
+set-default-source testsink.monitor
+EOF
+export HOME=$dir/home XDG_RUNTIME_DIR=$dir/run PULSE_SERVER=unix:$dir/run/native
+pulseaudio -n -F "$dir/pa.pa" --daemonize=no --exit-idle-time=-1 --system=false \
+    --use-pid-file=no --log-target=file:"$dir/pa.log" &
+pids+=($!)
+for _ in $(seq 100); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
+# An idle null sink renders in 2 s blocks; a steady reader keeps them small.
+parec --raw --latency-msec=10 -d testsink.monitor >/dev/null 2>&1 &
+pids+=($!)
+sleep 2
+
+build/test/tests/soak/quil_soak "$duration" >"$dir/load.log" 2>&1 &
+load=$!
+pids=("$load" "${pids[@]}")
+
+mkdir -p "$(dirname "$csv")"
+echo "seconds,rss_kb,fds,threads" >"$csv"
+start=$SECONDS
+next=0
+while kill -0 "$load" 2>/dev/null; do
+    if [ $((SECONDS - start)) -ge $next ]; then
+        rss=$(awk '/^VmRSS:/ { print $2 }' "/proc/$load/status" 2>/dev/null) || break
+        fds=$(ls "/proc/$load/fd" 2>/dev/null | wc -l)
+        threads=$(ls "/proc/$load/task" 2>/dev/null | wc -l)
+        [ -n "$rss" ] && echo "$((SECONDS - start)),$rss,$fds,$threads" >>"$csv"
+        next=$((next + interval))
+    fi
+    pactl set-sink-volume @DEFAULT_SINK@ "$((RANDOM % 100))%" >/dev/null 2>&1 || true
+    sleep 0.5
+done
+wait "$load" || { echo "the load failed:"; cat "$dir/load.log"; exit 1; }
+
+cat "$dir/load.log"
+# First minute excluded from the ranges: caches and pools fill up then.
+awk -F, 'NR > 1 {
+        n++; t[n] = $1; r[n] = $2; f[n] = $3; h[n] = $4
+    }
+    END {
+        if (n == 0) { print "no samples"; exit 1 }
+        for (i = 1; i <= n; i++) if (t[i] >= 60 || i == n) { first = i; break }
+        rmin = rmax = r[first]; fmin = fmax = f[first]; hmin = hmax = h[first]
+        for (i = first; i <= n; i++) {
+            if (r[i] < rmin) rmin = r[i]; if (r[i] > rmax) rmax = r[i]
+            if (f[i] < fmin) fmin = f[i]; if (f[i] > fmax) fmax = f[i]
+            if (h[i] < hmin) hmin = h[i]; if (h[i] > hmax) hmax = h[i]
+        }
+        printf "%d samples over %d s; from %d s on: RSS %d..%d kB (last %d), fds %d..%d, threads %d..%d\n",
+            n, t[n], t[first], rmin, rmax, r[n], fmin, fmax, hmin, hmax
+    }' "$csv"
+echo "CSV: $csv"
