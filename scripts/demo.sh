@@ -14,6 +14,8 @@ cd "$(dirname "$0")/.."
 
 # shellcheck source=scripts/lib/packages.sh
 source scripts/lib/packages.sh
+# shellcheck source=scripts/lib/soundserver.sh
+source scripts/lib/soundserver.sh
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}"
 
 build=build/demo
@@ -44,32 +46,6 @@ trap cleanup EXIT
 
 has_sound_card() {
     [ -r /proc/asound/cards ] && grep -q '^ *[0-9]' /proc/asound/cards
-}
-
-# A private PulseAudio server on a null sink; ALSA's "pulse" PCM and mixer
-# reach it through PULSE_SERVER. Nothing of it outlives this script.
-start_private_sound_server() {
-    mkdir -m 700 "$work/run" "$work/home"
-    cat >"$work/pa.pa" <<EOF
-load-module module-null-sink sink_name=demosink rate=$rate channels=2 format=s16le
-load-module module-native-protocol-unix auth-anonymous=1 socket=$work/run/native
-set-default-sink demosink
-set-default-source demosink.monitor
-EOF
-    export HOME=$work/home XDG_RUNTIME_DIR=$work/run PULSE_SERVER=unix:$work/run/native
-    pulseaudio -n -F "$work/pa.pa" --daemonize=no --exit-idle-time=-1 --system=false \
-        --use-pid-file=no --log-target=file:"$work/pa.log" 2>"$work/pa.stderr" &
-    background+=($!)
-    wait_until 15 "the sound server to answer" pactl info
-    # An idle null sink renders in 2 s blocks, which would stall the first
-    # stream; a permanent low-latency recorder keeps it rendering in small ones.
-    parec --raw --latency-msec=10 -d demosink.monitor >/dev/null 2>&1 &
-    background+=($!)
-    wait_until 15 "the null sink to run with low latency" sink_latency_is_low
-}
-
-sink_latency_is_low() {
-    pactl list sinks | awk '/Latency:/ { found = 1; if ($2 >= 50000) exit 1 } END { exit !found }'
 }
 
 # wait_until SECONDS WHAT COMMAND...
@@ -114,7 +90,8 @@ if has_sound_card; then
     echo "== Using the sound card's default devices"
 else
     echo "== No sound card: starting a private PulseAudio null sink"
-    start_private_sound_server
+    start_private_sound_server "$work" demosink "$rate" || exit 1
+    background+=("${sound_server_pids[@]}")
     pcm=pulse mixer=pulse
 fi
 

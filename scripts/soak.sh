@@ -7,6 +7,8 @@
 # Usage: scripts/soak.sh [SECONDS (600)] [CSV (build/soak.csv)]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# shellcheck source=scripts/lib/soundserver.sh
+source scripts/lib/soundserver.sh
 
 duration=${1:-600}
 csv=${2:-build/soak.csv}
@@ -27,22 +29,8 @@ cleanup() {
 trap cleanup EXIT
 
 # The server, as the tests start theirs: a null sink, an anonymous socket.
-mkdir -m 700 "$dir/run" "$dir/home"
-cat >"$dir/pa.pa" <<EOF
-load-module module-null-sink sink_name=testsink rate=48000 channels=2 format=s16le
-load-module module-native-protocol-unix auth-anonymous=1 socket=$dir/run/native
-set-default-sink testsink
-set-default-source testsink.monitor
-EOF
-export HOME=$dir/home XDG_RUNTIME_DIR=$dir/run PULSE_SERVER=unix:$dir/run/native
-pulseaudio -n -F "$dir/pa.pa" --daemonize=no --exit-idle-time=-1 --system=false \
-    --use-pid-file=no --log-target=file:"$dir/pa.log" &
-pids+=($!)
-for _ in $(seq 100); do pactl info >/dev/null 2>&1 && break; sleep 0.1; done
-# An idle null sink renders in 2 s blocks; a steady reader keeps them small.
-parec --raw --latency-msec=10 -d testsink.monitor >/dev/null 2>&1 &
-pids+=($!)
-sleep 2
+start_private_sound_server "$dir" testsink 48000
+pids+=("${sound_server_pids[@]}")
 
 build/test/tests/soak/quil_soak "$duration" >"$dir/load.log" 2>&1 &
 load=$!
