@@ -1,13 +1,14 @@
 # Installs both libraries, their public headers (internal *_p.h headers stay
 # behind), a CMake package (find_package(QuilAudio), targets QuilAudio::quil_audio
 # and QuilAudio::quil_api) and a pkg-config file (quil_audio). The quil-audio
-# tool installs itself (tools/CMakeLists.txt).
+# tool installs itself (tools/CMakeLists.txt). Components, as packaged:
+# runtime (the versioned libraries), development (the rest) and tool.
 include(CMakePackageConfigHelpers)
 
 set(QUIL_AUDIO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QuilAudio)
 
 install(TARGETS quil_audio quil_api EXPORT QuilAudioTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 # Public headers go into one folder, as the build tree's include directories
 # make them visible side by side.
 file(GLOB QUIL_AUDIO_PUBLIC_HEADERS CONFIGURE_DEPENDS
@@ -15,18 +16,21 @@ file(GLOB QUIL_AUDIO_PUBLIC_HEADERS CONFIGURE_DEPENDS
     ${PROJECT_SOURCE_DIR}/src/lib/audio/alsa/*.h
     ${PROJECT_SOURCE_DIR}/src/api/core/*.h)
 list(FILTER QUIL_AUDIO_PUBLIC_HEADERS EXCLUDE REGEX "_p\\.h$")
-install(FILES ${QUIL_AUDIO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_audio)
+install(FILES ${QUIL_AUDIO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_audio
+    COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/api/platform/
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_api FILES_MATCHING PATTERN "*.h")
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_api COMPONENT development FILES_MATCHING PATTERN "*.h")
 
-install(EXPORT QuilAudioTargets NAMESPACE QuilAudio:: DESTINATION ${QUIL_AUDIO_CMAKE_DIR})
+install(EXPORT QuilAudioTargets NAMESPACE QuilAudio:: DESTINATION ${QUIL_AUDIO_CMAKE_DIR}
+    COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/QuilAudioConfig.cmake.in
     ${PROJECT_BINARY_DIR}/QuilAudioConfig.cmake INSTALL_DESTINATION ${QUIL_AUDIO_CMAKE_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/QuilAudioConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/QuilAudioConfig.cmake ${PROJECT_BINARY_DIR}/QuilAudioConfigVersion.cmake
-    DESTINATION ${QUIL_AUDIO_CMAKE_DIR})
+    DESTINATION ${QUIL_AUDIO_CMAKE_DIR} COMPONENT development)
 
 file(RELATIVE_PATH QUIL_AUDIO_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/quil_audio.pc.in ${PROJECT_BINARY_DIR}/quil_audio.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/quil_audio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/quil_audio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT development)

@@ -8,15 +8,30 @@
 # runs on a private PulseAudio null sink that it starts and stops itself
 # (its monitor is what gets recorded); with a card it uses the card's default
 # devices (the recording is then whatever the default input hears).
-# Usage: scripts/demo.sh
+# --server pulseaudio|pipewire runs it on that private server whether or not
+# there is a card: PulseAudio through ALSA's pulse PCM and mixer, PipeWire
+# through its own (ALSA's pipewire PCM and mixer).
+# Usage: scripts/demo.sh [--server pulseaudio|pipewire]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+server=
+case "${1:-}" in
+--server)
+    server=${2:-}
+    [ "$server" = pulseaudio ] || [ "$server" = pipewire ] || { echo "usage: $0 [--server pulseaudio|pipewire]" >&2; exit 2; }
+    ;;
+"") ;;
+*) echo "usage: $0 [--server pulseaudio|pipewire]" >&2; exit 2 ;;
+esac
 
 # shellcheck source=scripts/lib/packages.sh
 source scripts/lib/packages.sh
 # shellcheck source=scripts/lib/soundserver.sh
 source scripts/lib/soundserver.sh
-install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}"
+server_packages=("${QUIL_SOUND_SERVER_PACKAGES[@]}")
+[ "$server" = pipewire ] && server_packages+=("${QUIL_PIPEWIRE_PACKAGES[@]}")
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${server_packages[@]}"
 
 build=build/demo
 echo "== Building libquil_audio and quil-audio into $build"
@@ -85,14 +100,21 @@ onset() {
                           END { if (!found) print "never" }'
 }
 
-if has_sound_card; then
+if [ -z "$server" ] && has_sound_card; then
     pcm=default mixer=default
     echo "== Using the sound card's default devices"
 else
-    echo "== No sound card: starting a private PulseAudio null sink"
-    start_private_sound_server "$work" demosink "$rate" || exit 1
+    server=${server:-pulseaudio}
+    echo "== Starting a private $server server with a null sink"
+    # Its ALSA plugins are unpacked once, next to the build.
+    QUIL_PIPEWIRE_ALSA_DIR=$PWD/$build/pipewire-alsa start_private_sound_server "$work" demosink "$rate" "$server" || exit 1
     background+=("${sound_server_pids[@]}")
-    pcm=pulse mixer=pulse
+    if [ "$server" = pipewire ]; then
+        export ALSA_CONFIG_PATH=/usr/share/alsa/alsa.conf:$work/alsa.conf
+        pcm=pipewire mixer=pipewire
+    else
+        pcm=pulse mixer=pulse
+    fi
 fi
 
 echo "== Mixer '$mixer': the master volume to 100 %"

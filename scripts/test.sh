@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds libquil_audio and runs its whole test suite three times: a plain
 # build, the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
-# (leak detection on), and the threaded suites under ThreadSanitizer. Any
+# (leak detection on; the Debian packages are built by the plain run only),
+# and the threaded suites under ThreadSanitizer. Any
 # failure or sanitizer report fails the run.
 # On a fresh Debian 12 machine run as root, it first installs the Debian
 # packages it needs.
@@ -22,8 +23,8 @@ run_suite() {
     (cd "build/$name" && ctest --output-on-failure $ctest_args)
 }
 
-install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" \
-    libgtest-dev libbenchmark-dev
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}" \
+    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}"
 
 run_suite test ""
 [ "${1:-}" = "--quick" ] && exit 0
@@ -31,7 +32,7 @@ run_suite test ""
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0 \
-    run_suite asan "" -DQUIL_AUDIO_SANITIZE=address,undefined
+    run_suite asan "-LE package" -DQUIL_AUDIO_SANITIZE=address,undefined
 
 # ignore_noninstrumented_modules: memory that QtCore and GLib handle in their
 # own code (the posted-event queue, event objects) is ordered by their own

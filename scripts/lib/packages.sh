@@ -3,9 +3,17 @@
 # scripts in scripts/.
 
 # Building the library and its tool.
-QUIL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config qtbase5-dev libasound2-dev liblog4cplus-dev)
+QUIL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config qtbase5-dev libasound2-dev liblog4cplus-dev libsndfile1-dev help2man)
+# The test suite: GoogleTest and Google Benchmark, and sox to read back the files the tool writes.
+QUIL_TEST_PACKAGES=(libgtest-dev libbenchmark-dev sox)
+# Debian packages of the build: CPack's DEB generator needs dpkg-shlibdeps
+# (dpkg-dev) and file; lintian checks the result, man reads the manual page.
+QUIL_PACKAGING_PACKAGES=(dpkg-dev file lintian man-db)
 # A private sound server in place of a sound card, and ALSA's PCM and mixer for it.
 QUIL_SOUND_SERVER_PACKAGES=(alsa-utils libasound2-plugins pulseaudio pulseaudio-utils)
+# The same on PipeWire. Its ALSA plugins (pipewire-alsa) conflict with
+# pulseaudio: soundserver.sh unpacks them instead.
+QUIL_PIPEWIRE_PACKAGES=(pipewire pipewire-pulse wireplumber)
 
 # install_missing_packages PACKAGE...
 # Installs the packages that are not installed yet. As another user than root

@@ -2,7 +2,7 @@
 // the exit status, the output and the stderr it must give; "{out}", "{in}",
 // "{trig}" and "{fifo}" in the arguments name the case's files.
 
-#include "PulseServer.h"
+#include "SoundServer.h"
 #include "QtPrinters.h"
 #include "TestEnvironment.h"
 
@@ -88,8 +88,7 @@ class QuilAudioTool : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        QString error;
-        ASSERT_TRUE(quiltest::PulseServer::shared().start(&error)) << error.toStdString();
+        ASSERT_TRUE(quiltest::hasSoundServer());
     }
 
     void runCases(const QList<Case>& cases)
@@ -104,7 +103,8 @@ protected:
             QStringList args;
             for (QString arg : c.args)
                 args << arg.replace(QLatin1String("{out}"), out).replace(QLatin1String("{in}"), m_in)
-                            .replace(QLatin1String("{trig}"), m_trig).replace(QLatin1String("{fifo}"), fifo);
+                            .replace(QLatin1String("{trig}"), m_trig).replace(QLatin1String("{fifo}"), fifo)
+                            .replace(QLatin1String("{snd}"), quiltest::soundDevice());
             // The test mixer reads its FIFO only when the tool handles mixer
             // events; holding it open keeps the line there until then.
             int fifoFd = -1;
@@ -183,8 +183,8 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
         {"mixer_capture_side", {"mixer", "-D", "testmix", "set", "capture", "--volume", "25%", "--switch", "off"}, 0, {}, {},
          "'Capture' capture: volume 25 [0..100] 25% -37.50 dB, switch off"},
         // The sound server keeps the value between processes.
-        {"mixer_pulse_set", {"mixer", "-D", "pulse", "set", "Master", "--volume", "40%"}, 0, {}, {}, "volume 26214 [0..65536] 40%"},
-        {"mixer_pulse_get", {"mixer", "-D", "pulse", "get", "mast"}, 0, {}, {}, "volume 26214 [0..65536] 40%"},
+        {"mixer_pulse_set", {"mixer", "-D", "{snd}", "set", "Master", "--volume", "40%"}, 0, {}, {}, "volume 26214 [0..65536] 40%"},
+        {"mixer_pulse_get", {"mixer", "-D", "{snd}", "get", "mast"}, 0, {}, {}, "volume 26214 [0..65536] 40%"},
         {"mixer_watch", {"mixer", "-D", "testmix:FIFO={fifo}", "watch", "master", "--count", "1"}, 0, {}, {},
          "changed 'Master' playback: volume 30 [0..100] 30% -35.00 dB", {}, "set Master Playback Volume 30\n"},
         {"mixer_watch_interrupted", {"mixer", "-D", "testmix", "watch"}, 0, {}, {}, "'Input Source'", {}, {}, 300},
@@ -200,10 +200,10 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
         {"volume_out_of_range", {"mixer", "-D", "testmix", "set", "headphone", "--volume", "32"}, 1,
          "volume 32 is out of range 0..31 for 'Headphone'"},
         {"unknown_item", {"mixer", "-D", "testmix", "set", "input", "--enum", "tape"}, 1, "'Input Source' has no item 'tape'"},
-        {"no_db_scale", {"mixer", "-D", "pulse", "set", "master", "--db", "-10"}, 1, "'Master' has no dB scale"},
+        {"no_db_scale", {"mixer", "-D", "{snd}", "set", "master", "--db", "-10"}, 1, "'Master' has no dB scale"},
         {"bad_mixer", {"mixer", "-D", "nosuch", "list"}, 1, "cannot open mixer 'nosuch'"},
         {"ring_below_period", {"record", "--input-file", "{in}", "--ring-ms", "5", "{out}"}, 2,
-         "--ring-ms 5 holds less than one period (20 ms)"},
+         "--ring-ms 5 holds less than one period (125 ms)"},
         {"unknown_option", {"play", "--bogus"}, 2, "Unknown option 'bogus'"},
         {"unknown_command", {"frobnicate"}, 2, "unknown command 'frobnicate'"},
     });

@@ -1,15 +1,10 @@
 #include "CommandSupport.h"
 
-#include <QFile>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QSocketNotifier>
 
-#include <log4cplus/appender.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/layout.h>
 #include <log4cplus/logger.h>
-#include <log4cplus/spi/loggingevent.h>
 
 #include <algorithm>
 #include <atomic>
@@ -94,12 +89,19 @@ void addStreamOptions(QCommandLineParser& parser)
         {{QStringLiteral("d"), QStringLiteral("duration")},
          QStringLiteral("Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
          QStringLiteral("seconds")},
+        {{QStringLiteral("t"), QStringLiteral("file-type")},
+         QStringLiteral("File type: raw, wav, rf64, w64, flac, ogg or au (default: by the file name's extension)."),
+         QStringLiteral("type")},
     });
 }
 
 bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options, QString* error)
 {
     options->device = parser.value(QStringLiteral("device"));
+    options->fileType = parser.value(QStringLiteral("file-type"));
+    options->rateGiven = parser.isSet(QStringLiteral("rate"));
+    options->channelsGiven = parser.isSet(QStringLiteral("channels"));
+    options->formatGiven = parser.isSet(QStringLiteral("format"));
     int rate = static_cast<int>(options->rate);
     int channels = static_cast<int>(options->channels);
     if (!readInt(parser, QStringLiteral("rate"), 1, 1000000, &rate, error)
@@ -177,91 +179,9 @@ bool readDouble(const QCommandLineParser& parser, const QString& option, double*
     return true;
 }
 
-namespace {
-
-int openFile(const QString& path, int flags, QString* error)
-{
-    const int fd = ::open(QFile::encodeName(path).constData(), flags | O_CLOEXEC, 0644);
-    if (fd < 0)
-        *error = QStringLiteral("cannot open '%1': %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
-    return fd;
-}
-
-} // namespace
-
-int openInput(const QString& path, QString* error)
-{
-    return path == QLatin1String("-") ? STDIN_FILENO : openFile(path, O_RDONLY, error);
-}
-
-int openOutput(const QString& path, QString* error)
-{
-    return path == QLatin1String("-") ? STDOUT_FILENO : openFile(path, O_WRONLY | O_CREAT | O_TRUNC, error);
-}
-
-qint64 readFully(int fd, char* data, qint64 size)
-{
-    qint64 done = 0;
-    while (done < size) {
-        const ssize_t n = ::read(fd, data + done, static_cast<size_t>(size - done));
-        if (n == 0)
-            break;
-        if (n < 0) {
-            // An interrupt that asks to stop must not leave us waiting for input.
-            if (errno == EINTR && !SignalWatcher::stopRequested())
-                continue;
-            return done > 0 ? done : (errno == EINTR ? 0 : -1);
-        }
-        done += n;
-    }
-    return done;
-}
-
-bool writeFully(int fd, const char* data, qint64 size)
-{
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, static_cast<size_t>(size));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= n;
-    }
-    return true;
-}
-
-void closeFile(int fd)
-{
-    if (fd > STDERR_FILENO)
-        ::close(fd);
-}
-
 // ---- the library's log
 
 namespace {
-
-QMutex errorMutex;
-QString firstErrorText;
-std::atomic<int> errorRecords{0};
-
-class ErrorKeeper : public log4cplus::Appender
-{
-public:
-    ~ErrorKeeper() override { destructorImpl(); }
-    void close() override {}
-
-protected:
-    void append(const log4cplus::spi::InternalLoggingEvent& event) override
-    {
-        if (event.getLogLevel() < log4cplus::ERROR_LOG_LEVEL)
-            return;
-        ++errorRecords;
-        QMutexLocker locker(&errorMutex);
-        if (firstErrorText.isEmpty())
-            firstErrorText = QString::fromStdString(event.getMessage());
-    }
-};
 
 void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...)
 {
@@ -274,7 +194,6 @@ void LibraryLog::configure(bool verbose)
     log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("AudioLib"));
     logger.setAdditivity(false);
     logger.removeAllAppenders();
-    logger.addAppender(log4cplus::SharedAppenderPtr(new ErrorKeeper));
     if (verbose) {
         log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true, true));
         console->setLayout(std::unique_ptr<log4cplus::Layout>(
@@ -283,27 +202,10 @@ void LibraryLog::configure(bool verbose)
         logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
         snd_lib_error_set_handler(nullptr);
     } else {
-        logger.setLogLevel(log4cplus::ERROR_LOG_LEVEL);
+        // Off rather than without appenders, which log4cplus would report.
+        logger.setLogLevel(log4cplus::OFF_LOG_LEVEL);
         snd_lib_error_set_handler(silentAlsaErrorHandler);
     }
-}
-
-QString LibraryLog::firstError()
-{
-    QMutexLocker locker(&errorMutex);
-    return firstErrorText;
-}
-
-int LibraryLog::errorCount()
-{
-    return errorRecords;
-}
-
-void LibraryLog::clear()
-{
-    QMutexLocker locker(&errorMutex);
-    firstErrorText.clear();
-    errorRecords = 0;
 }
 
 // ---- signals

@@ -43,7 +43,7 @@ void printHelp(const QCommandLineParser& parser, const QString& program, FILE* s
 bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
                       int* status, const std::function<bool(QString* error)>& checkOptions = {});
 
-/// The stream every PCM command describes: -D, -r, -c, -f and -d.
+/// The stream every PCM command describes: -D, -r, -c, -f, -d and -t.
 struct StreamOptions
 {
     QString device;
@@ -52,6 +52,12 @@ struct StreamOptions
     snd_pcm_format_t format = SND_PCM_FORMAT_S16_LE;
     /// Seconds to run, or below 0 to run until the input ends or an interrupt.
     double durationS = -1;
+    /// -t: the file's type by name; empty to go by its extension.
+    QString fileType;
+    /// Which of -r, -c and -f the command line gave.
+    bool rateGiven = false;
+    bool channelsGiven = false;
+    bool formatGiven = false;
 
     /// Bytes per frame as the library counts them (bit width / 8 per sample).
     int frameBytes() const;
@@ -79,30 +85,14 @@ bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& optio
                           QString* error);
 bool readDouble(const QCommandLineParser& parser, const QString& option, double* value, QString* error);
 
-/// Opens a file for reading or writing, "-" meaning stdin or stdout; -1 with
-/// a message on failure.
-int openInput(const QString& path, QString* error);
-int openOutput(const QString& path, QString* error);
-/// Reads until `size` bytes or the end of input; the bytes read, -1 on error.
-qint64 readFully(int fd, char* data, qint64 size);
-/// Writes all bytes; false on error (errno tells why).
-bool writeFully(int fd, const char* data, qint64 size);
-/// Closes what openInput() or openOutput() opened, leaving stdin and stdout alone.
-void closeFile(int fd);
-
 /// Where the log4cplus logger "AudioLib" goes: with --verbose every record is
-/// printed on stderr; otherwise nothing is printed and the library's ERROR
-/// messages are kept, so that a command can name the cause in its one line.
+/// printed on stderr, otherwise nothing is. A command learns why the library
+/// failed from the failing object itself (errorString()), never from the log.
 /// ALSA's own error printing follows the same choice.
 class LibraryLog
 {
 public:
     static void configure(bool verbose);
-    /// The first ERROR message since the last clear(), or empty.
-    static QString firstError();
-    /// ERROR records since the last clear(); safe from any thread.
-    static int errorCount();
-    static void clear();
 };
 
 /// SIGINT and SIGTERM ask a command to stop, SIGUSR1 to toggle (mute); both

@@ -92,9 +92,8 @@ QString describe(AlsaMixerElement& element)
     return QStringLiteral("'%1' %2").arg(element.name(), parts.join(QStringLiteral("; ")));
 }
 
-QString because()
+QString because(const QString& why)
 {
-    const QString why = LibraryLog::firstError();
     return why.isEmpty() ? QString() : QStringLiteral(": ") + why;
 }
 
@@ -160,10 +159,10 @@ int MixerCommand::run(const QStringList& arguments)
 
 int MixerCommand::openCard()
 {
-    LibraryLog::clear();
     m_card = std::make_unique<AlsaCard>(m_device, true);
     if (!m_card->isOpen())
-        return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(), ExitFailed);
+        return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()),
+                    ExitFailed);
     return ExitOk;
 }
 
@@ -276,9 +275,8 @@ int MixerCommand::setVolume(AlsaMixerElement& element, const QString& value)
     if (raw < min || raw > max || (percent && (number < 0 || number > 100)))
         return fail(Command, QStringLiteral("volume %1 is out of range %2..%3 for '%4'").arg(value).arg(min).arg(max).arg(element.name()),
                     ExitFailed);
-    LibraryLog::clear();
     if (!element.setVolume(raw, mode))
-        return fail(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()) + because(), ExitFailed);
+        return fail(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()) + because(element.errorString()), ExitFailed);
     return ExitOk;
 }
 
@@ -294,9 +292,8 @@ int MixerCommand::setDb(AlsaMixerElement& element, const QString& value)
         return fail(Command, error, ExitFailed);
     if (!element.hasDB(mode))
         return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
-    LibraryLog::clear();
     if (!element.setDB(dB, mode))
-        return fail(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value) + because(), ExitFailed);
+        return fail(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value) + because(element.errorString()), ExitFailed);
     return ExitOk;
 }
 
@@ -309,9 +306,8 @@ int MixerCommand::setSwitch(AlsaMixerElement& element, const QString& value)
     QString error;
     if (!chooseSide(QStringLiteral("switch"), element, &mode, &error))
         return fail(Command, error, ExitFailed);
-    LibraryLog::clear();
     if (!element.setSwitch(state == QLatin1String("on"), mode))
-        return fail(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state) + because(), ExitFailed);
+        return fail(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state) + because(element.errorString()), ExitFailed);
     return ExitOk;
 }
 
@@ -332,9 +328,8 @@ int MixerCommand::setEnum(AlsaMixerElement& element, const QString& item)
     if (index < 0 || index >= items.size())
         return fail(Command, QStringLiteral("'%1' has no item '%2' (items: %3)").arg(element.name(), item, items.join(QStringLiteral(", "))),
                     ExitFailed);
-    LibraryLog::clear();
     if (!element.setEnum(static_cast<unsigned int>(index)))
-        return fail(Command, QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()) + because(), ExitFailed);
+        return fail(Command, QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()) + because(element.errorString()), ExitFailed);
     return ExitOk;
 }
 
@@ -364,17 +359,15 @@ int MixerCommand::watch(const QStringList& names, int count)
             // A mixer that closed itself (its server went away) never reports again.
             if (!m_card->isOpen()) {
                 changes = count;
-                fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(), ExitFailed);
+                fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()), ExitFailed);
                 loop.exit(ExitFailed);
                 return;
             }
             printOut(QStringLiteral("changed ") + describe(*raw));
-            LibraryLog::clear();
             if (++changes == count)
                 loop.exit(ExitOk);
         });
     }
-    LibraryLog::clear();
     return loop.exec();
 }
 

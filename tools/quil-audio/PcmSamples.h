@@ -19,10 +19,10 @@ double decodeSample(const char* data, snd_pcm_format_t format);
 /// Stores value, clamped to [-1, 1], as one sample of format at data.
 void encodeSample(double value, snd_pcm_format_t format, char* data);
 
-/// Raises (*peaks)[c] to the largest magnitude of channel c in a block of
+/// Raises (*peaks)[c] to the largest magnitude of channel c in `bytes` of
 /// interleaved frames; *peaks is sized to the channel count. Does nothing for
 /// formats without sample values.
-void accumulatePeaks(const QByteArray& block, snd_pcm_format_t format, int channels, QVector<double>* peaks);
+void accumulatePeaks(const char* data, qint64 bytes, snd_pcm_format_t format, int channels, QVector<double>* peaks);
 
 /// A peak magnitude in dBFS ("-6.0", "-inf").
 QString dbfsText(double peak);

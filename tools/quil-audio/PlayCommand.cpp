@@ -9,8 +9,6 @@
 #include <QElapsedTimer>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace quilaudio {
 
@@ -19,14 +17,20 @@ namespace {
 const QString Command = QStringLiteral("play");
 
 const char* const Usage =
-    "Plays raw PCM (interleaved frames, no header) from FILE, from stdin (\"-\", the default)\n"
-    "or as a generated tone, through an ALSA PCM (-D) or into a raw file (-o).\n"
+    "Plays FILE, stdin (\"-\", the default) or a generated tone through an ALSA PCM (-D)\n"
+    "or into a raw file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
+    "give rate, channels and format from their header, read in a format the device takes;\n"
+    ".raw files, names without extension and stdin are raw PCM (interleaved frames).\n"
     "Xruns are recovered, counted and reported. On a terminal a progress line shows the\n"
     "current delay. The end of the input waits until the queue has played (unless\n"
     "--no-drain); Ctrl-C stops at once. The last line on stderr sums up frames, xruns and delay.";
 
 // Frames per write for a file, which has no period.
 constexpr int FileBlockFrames = 1024;
+// With no period or buffer asked for, the ALSA utilities' choice: a 500 ms
+// buffer in four periods. Every period costs a wake-up and a transfer.
+constexpr int DefaultPeriodMs = 125;
+constexpr int DefaultBufferMs = 500;
 constexpr qint64 ProgressIntervalMs = 100;
 // How long a drain may take beyond the buffer's own length before we give up.
 constexpr unsigned int DrainSlackS = 5;
@@ -42,14 +46,36 @@ bool exclusive(const QCommandLineParser& parser, const QString& a, const QString
     return true;
 }
 
+QString formatText(snd_pcm_format_t format)
+{
+    return format == SND_PCM_FORMAT_UNKNOWN ? QStringLiteral("encoded")
+                                            : QString::fromLatin1(snd_pcm_format_name(format));
+}
+
+// The first of formats that the playback PCM takes, or SND_PCM_FORMAT_UNKNOWN.
+// A PCM that does not open gives the first, for the real open to report why.
+snd_pcm_format_t firstFormatTaken(const QString& device, const QVector<snd_pcm_format_t>& formats)
+{
+    snd_pcm_t* opened = nullptr;
+    if (snd_pcm_open(&opened, device.toLocal8Bit().constData(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
+        return formats.first();
+    const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> pcm(opened, snd_pcm_close);
+    snd_pcm_hw_params_t* params = nullptr;
+    snd_pcm_hw_params_alloca(&params);
+    if (snd_pcm_hw_params_any(pcm.get(), params) < 0)
+        return formats.first();
+    for (snd_pcm_format_t format : formats) {
+        if (snd_pcm_hw_params_test_format(pcm.get(), params, format) == 0)
+            return format;
+    }
+    return SND_PCM_FORMAT_UNKNOWN;
+}
+
 } // namespace
 
 PlayCommand::PlayCommand() = default;
 
-PlayCommand::~PlayCommand()
-{
-    closeFile(m_inputFd);
-}
+PlayCommand::~PlayCommand() = default;
 
 int PlayCommand::run(const QStringList& arguments)
 {
@@ -60,10 +86,10 @@ int PlayCommand::run(const QStringList& arguments)
         {{QStringLiteral("o"), QStringLiteral("output-file")},
          QStringLiteral("Write into this raw file instead of an ALSA device."), QStringLiteral("file")},
         {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."), QStringLiteral("hz")},
-        {{QStringLiteral("F"), QStringLiteral("period-time")}, QStringLiteral("Period in microseconds."),
+        {{QStringLiteral("F"), QStringLiteral("period-time")}, QStringLiteral("Period in microseconds (125000 with no -B)."),
          QStringLiteral("us")},
         {QStringLiteral("period-size"), QStringLiteral("Period in frames."), QStringLiteral("frames")},
-        {{QStringLiteral("B"), QStringLiteral("buffer-time")}, QStringLiteral("Buffer in microseconds."),
+        {{QStringLiteral("B"), QStringLiteral("buffer-time")}, QStringLiteral("Buffer in microseconds (500000 with no -F)."),
          QStringLiteral("us")},
         {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
         {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
@@ -75,7 +101,7 @@ int PlayCommand::run(const QStringList& arguments)
         {QStringLiteral("tstamp"), QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
         {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
     });
-    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Raw PCM input; \"-\" is stdin."),
+    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Input file; \"-\" is stdin (raw)."),
                                  QStringLiteral("[file]"));
     int status = ExitOk;
     if (!parseCommandLine(parser, arguments, Command, &status,
@@ -126,6 +152,11 @@ bool PlayCommand::readOptions(const QCommandLineParser& parser, QString* error)
     alsa.nearChannels = parser.isSet(QStringLiteral("near-channels"));
     alsa.timestamps = parser.isSet(QStringLiteral("tstamp"));
     constexpr qint64 MaxFrames = 1 << 24;
+    if (!parser.isSet(QStringLiteral("period-time")) && !parser.isSet(QStringLiteral("period-size"))
+        && !parser.isSet(QStringLiteral("buffer-time")) && !parser.isSet(QStringLiteral("buffer-size"))) {
+        alsa.periodMs = DefaultPeriodMs;
+        alsa.bufferMs = DefaultBufferMs;
+    }
     return exclusive(parser, QStringLiteral("period-time"), QStringLiteral("period-size"), error)
         && exclusive(parser, QStringLiteral("buffer-time"), QStringLiteral("buffer-size"), error)
         && exclusive(parser, QStringLiteral("start-threshold"), QStringLiteral("start-threshold-time"), error)
@@ -142,8 +173,58 @@ int PlayCommand::openSource()
     if (m_toneHz > 0)
         return ExitOk;
     QString error;
-    m_inputFd = openInput(m_input, &error);
-    return m_inputFd < 0 ? fail(Command, error, ExitFailed) : ExitOk;
+    if (!m_inputFile.setType(m_input, m_stream.fileType, &error))
+        return fail(Command, error, ExitFailed);
+    if (!m_inputFile.openForReading(m_input, {m_stream.rate, m_stream.channels, m_stream.format}))
+        return fail(Command, m_inputFile.errorString(), ExitFailed);
+    if (!m_inputFile.isRaw() && (!takeHeader(&error) || !chooseReadFormat(&error)))
+        return fail(Command, error, ExitFailed);
+    return ExitOk;
+}
+
+// The header decides; a command-line value that says otherwise is a mistake.
+bool PlayCommand::takeHeader(QString* error)
+{
+    const AudioFile::Layout header = m_inputFile.layout();
+    const auto contradicts = [&](bool given, unsigned int asked, unsigned int held, const char* what) {
+        if (given && asked != held)
+            *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says").arg(m_input).arg(held)
+                         .arg(QLatin1String(what)).arg(asked);
+        return given && asked != held;
+    };
+    if (contradicts(m_stream.rateGiven, m_stream.rate, header.rate, "Hz")
+        || contradicts(m_stream.channelsGiven, m_stream.channels, header.channels, "channels"))
+        return false;
+    if (m_stream.formatGiven && m_stream.format != header.format) {
+        *error = QStringLiteral("'%1' holds %2 samples, not %3 as the command line says")
+                     .arg(m_input, formatText(header.format), formatText(m_stream.format));
+        return false;
+    }
+    m_stream.rate = header.rate;
+    m_stream.channels = header.channels;
+    return true;
+}
+
+// The file's own format if the device takes it and libsndfile hands it out
+// as it is, else the first of libsndfile's conversions the device takes.
+bool PlayCommand::chooseReadFormat(QString* error)
+{
+    const snd_pcm_format_t own = m_inputFile.layout().format;
+    QVector<snd_pcm_format_t> candidates = AudioFile::readableFormats();
+    if (candidates.removeOne(own))
+        candidates.prepend(own);
+    const snd_pcm_format_t chosen = m_outputFile.isEmpty() ? firstFormatTaken(m_stream.device, candidates)
+                                                           : candidates.first();
+    if (chosen == SND_PCM_FORMAT_UNKNOWN) {
+        *error = QStringLiteral("'%1' takes none of the formats '%2' can be read as").arg(m_stream.device, m_input);
+        return false;
+    }
+    if (chosen != own)
+        printLine(QStringLiteral("quil-audio play: reading the %1 samples of '%2' as %3")
+                      .arg(formatText(own), m_input, formatText(chosen)));
+    m_inputFile.setReadFormat(chosen);
+    m_stream.format = chosen;
+    return true;
 }
 
 std::unique_ptr<AudioOutputDevice> PlayCommand::createDevice()
@@ -174,11 +255,10 @@ std::unique_ptr<AudioOutputDevice> PlayCommand::createDevice()
 int PlayCommand::openDevice()
 {
     m_device = createDevice();
-    LibraryLog::clear();
     if (!m_device->open()) {
         const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
                                      : QStringLiteral("'%1'").arg(m_outputFile);
-        const QString why = LibraryLog::firstError();
+        const QString why = m_device->errorString();
         return fail(Command, QStringLiteral("cannot open ") + where + (why.isEmpty() ? QString() : QStringLiteral(": ") + why),
                     ExitFailed);
     }
@@ -214,26 +294,24 @@ int PlayCommand::playUntilDone()
         QByteArray block;
         if (!nextBlock(frames, &block, &error) || block.isEmpty())
             break;
-        LibraryLog::clear();
         const AudioOutputDevice::WriteResult result = m_device->write(block);
         if (result == AudioOutputDevice::DeviceClosed) {
             interrupted = SignalWatcher::stopRequested();
             if (!interrupted)
-                error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, LibraryLog::firstError());
+                error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, m_device->errorString());
             break;
         }
         m_xruns += result == AudioOutputDevice::XrunRecovered ? 1 : 0;
         const qint64 written = deviceFrameBytes > 0 ? block.size() / deviceFrameBytes : 0;
         m_framesPlayed += written;
         framesLeft = framesLeft < 0 ? -1 : framesLeft - written;
-        if (m_alsa)
-            m_delayFrames = m_alsa->delay(&m_delayAgeUs);
-        if (sinceProgress.elapsed() >= ProgressIntervalMs) {
+        if (m_progress.isShown() && sinceProgress.elapsed() >= ProgressIntervalMs) {
             showProgress();
             sinceProgress.restart();
         }
     }
     m_progress.finish();
+    updateDelay();
     closeDevice(interrupted || !error.isEmpty());
     if (!error.isEmpty())
         return fail(Command, error, ExitFailed);
@@ -249,14 +327,15 @@ bool PlayCommand::nextBlock(int frames, QByteArray* block, QString* error)
         return true;
     }
     const int inputFrameBytes = m_stream.frameBytes();
-    QByteArray input(frames * inputFrameBytes, Qt::Uninitialized);
-    const qint64 got = readFully(m_inputFd, input.data(), input.size());
-    if (got < 0) {
-        *error = QStringLiteral("cannot read '%1': %2").arg(m_input, QString::fromLocal8Bit(strerror(errno)));
+    // A view into the file's chunk: the device is done with it when write() returns.
+    QByteArray input;
+    if (!m_inputFile.readBlock(qint64(frames) * inputFrameBytes, &input)) {
+        *error = m_inputFile.errorString();
         return false;
     }
     // A trailing partial frame at the end of the input is not played.
-    input.truncate(static_cast<int>(got - got % inputFrameBytes));
+    if (input.size() % inputFrameBytes != 0)
+        input = QByteArray::fromRawData(input.constData(), input.size() - input.size() % inputFrameBytes);
     *block = matchDeviceChannels(input);
     return true;
 }
@@ -282,8 +361,15 @@ QByteArray PlayCommand::matchDeviceChannels(const QByteArray& frames) const
     return out;
 }
 
+void PlayCommand::updateDelay()
+{
+    if (m_alsa)
+        m_delayFrames = m_alsa->delay(&m_delayAgeUs);
+}
+
 void PlayCommand::showProgress()
 {
+    updateDelay();
     QString text = QStringLiteral("playing %1").arg(secondsText(m_framesPlayed, m_device->sampleRate()));
     if (m_alsa && m_delayFrames >= 0) {
         text += QStringLiteral("  delay %1 frames (%2 ms").arg(m_delayFrames)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AudioFile.h"
 #include "CommandSupport.h"
 
 #include <QByteArray>
@@ -44,10 +45,13 @@ private:
     bool readOptions(const QCommandLineParser& parser, QString* error);
     std::unique_ptr<AudioOutputDevice> createDevice();
     int openSource();
+    bool takeHeader(QString* error);
+    bool chooseReadFormat(QString* error);
     int openDevice();
     int playUntilDone();
     bool nextBlock(int frames, QByteArray* block, QString* error);
     QByteArray matchDeviceChannels(const QByteArray& frames) const;
+    void updateDelay();
     void showProgress();
     void closeDevice(bool interrupted);
     QString summary() const;
@@ -61,7 +65,7 @@ private:
     std::unique_ptr<AudioOutputDevice> m_device;
     AlsaOutputDevice* m_alsa = nullptr;
     std::unique_ptr<ToneGenerator> m_tone;
-    int m_inputFd = -1;
+    AudioFile m_inputFile;
     int m_blockFrames = 1024;
     qint64 m_framesPlayed = 0;
     int m_xruns = 0;

@@ -13,9 +13,7 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <unistd.h>
 
 namespace quilaudio {
@@ -26,7 +24,9 @@ const QString Command = QStringLiteral("record");
 
 const char* const Usage =
     "Captures from an ALSA PCM (-D) or from a raw PCM file paced like a live source\n"
-    "(--input-file) and writes raw PCM (interleaved frames, no header) to FILE or stdout.\n"
+    "(--input-file) and writes FILE: WAV (RF64 past 4 GiB), RF64, W64, FLAC, Ogg Vorbis or AU\n"
+    "by its extension or -t; raw PCM (interleaved frames, no header) for .raw, a name\n"
+    "without extension, or stdout.\n"
     "Recording is asked for as capture starts or, with --trigger-dbfs, when a block first\n"
     "peaks at or above that level. --pre-roll-ms starts the output that much audio before\n"
     "that moment, taken from the ring buffer (--ring-ms); with a trigger it counts back from\n"
@@ -36,8 +36,10 @@ const char* const Usage =
     "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
     "stderr sums up frames, peaks and capture errors.";
 
-constexpr int DefaultPeriodMs = 20;
-constexpr int BufferPeriods = 5;
+// The ALSA utilities' choice (a 500 ms buffer in four periods): a period costs
+// a wake-up and a device transfer, and a recording needs no lower latency.
+constexpr int DefaultPeriodMs = 125;
+constexpr int BufferPeriods = 4;
 constexpr int ProgressIntervalMs = 100;
 // A source that delivers nothing for this long is reported rather than waited for.
 constexpr qint64 NoAudioTimeoutMs = 5000;
@@ -57,11 +59,7 @@ QString meterBar(double peak)
 } // namespace
 
 RecordCommand::RecordCommand() = default;
-
-RecordCommand::~RecordCommand()
-{
-    closeFile(m_outputFd);
-}
+RecordCommand::~RecordCommand() = default;
 
 int RecordCommand::run(const QStringList& arguments)
 {
@@ -72,9 +70,9 @@ int RecordCommand::run(const QStringList& arguments)
         {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."),
          QStringLiteral("file")},
         {{QStringLiteral("F"), QStringLiteral("period-time")},
-         QStringLiteral("Period in microseconds (20000); one read of the provider."), QStringLiteral("us")},
+         QStringLiteral("Period in microseconds (125000); one read of the provider."), QStringLiteral("us")},
         {{QStringLiteral("B"), QStringLiteral("buffer-time")},
-         QStringLiteral("ALSA buffer in microseconds (5 periods)."), QStringLiteral("us")},
+         QStringLiteral("ALSA buffer in microseconds (4 periods)."), QStringLiteral("us")},
         {QStringLiteral("ring-ms"), QStringLiteral("Ring buffer of recent audio (the pre-roll, at least a period)."),
          QStringLiteral("ms")},
         {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."),
@@ -83,7 +81,7 @@ int RecordCommand::run(const QStringList& arguments)
          QStringLiteral("dBFS")},
         {QStringLiteral("mute"), QStringLiteral("Start muted (silence is recorded); SIGUSR1 toggles.")},
     });
-    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Raw PCM output; \"-\" is stdout."),
+    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Output file; \"-\" is stdout (raw)."),
                                  QStringLiteral("[file]"));
     int status = ExitOk;
     if (!parseCommandLine(parser, arguments, Command, &status,
@@ -117,6 +115,8 @@ bool RecordCommand::readOptions(const QCommandLineParser& parser, QString* error
     m_startMuted = parser.isSet(QStringLiteral("mute"));
     m_frameBytes = m_stream.frameBytes();
     m_framesWanted = m_stream.durationFrames();
+    if (m_periodMs < 0)
+        m_periodMs = DefaultPeriodMs;
     if (m_bufferMs < 0)
         m_bufferMs = BufferPeriods * m_periodMs;
 
@@ -155,13 +155,12 @@ int RecordCommand::openSource()
         return ExitOk;
     }
     // FileInputDevice delivers silence for a file it cannot open; say why instead.
-    QFile probe(m_inputFile);
-    if (!probe.open(QIODevice::ReadOnly))
-        return fail(Command, QStringLiteral("cannot open '%1': %2").arg(m_inputFile, probe.errorString()), ExitFailed);
     auto file = std::make_unique<FileInputDevice>(static_cast<int>(m_stream.rate), static_cast<int>(m_stream.channels),
                                                   m_stream.format);
-    if (!file->playFile(m_inputFile))
-        return fail(Command, QStringLiteral("cannot read '%1'").arg(m_inputFile), ExitFailed);
+    if (!file->playFile(m_inputFile)) {
+        const QString why = file->errorCode() < 0 ? qt_error_string(-file->errorCode()) : file->errorString();
+        return fail(Command, QStringLiteral("cannot open '%1': %2").arg(m_inputFile, why), ExitFailed);
+    }
     m_device = std::move(file);
     return ExitOk;
 }
@@ -169,8 +168,11 @@ int RecordCommand::openSource()
 int RecordCommand::openSink()
 {
     QString error;
-    m_outputFd = openOutput(m_output, &error);
-    return m_outputFd < 0 ? fail(Command, error, ExitFailed) : ExitOk;
+    if (!m_outputFile.setType(m_output, m_stream.fileType, &error))
+        return fail(Command, error, ExitFailed);
+    return m_outputFile.openForWriting(m_output, {m_stream.rate, m_stream.channels, m_stream.format})
+        ? ExitOk
+        : fail(Command, m_outputFile.errorString(), ExitFailed);
 }
 
 int RecordCommand::captureUntilDone()
@@ -197,7 +199,6 @@ int RecordCommand::captureUntilDone()
         else
             showProgress();
     });
-    LibraryLog::clear();
     clock.start();
     m_provider->start();
     ticker.start(ProgressIntervalMs);
@@ -205,23 +206,26 @@ int RecordCommand::captureUntilDone()
     ticker.stop();
     m_progress.finish();
     stopProvider();
+    if (!m_outputFile.close() && m_writeError.isEmpty())
+        m_writeError = m_outputFile.errorString();
     if (status == ExitOk && !m_writeError.isEmpty())
-        status = fail(Command, QStringLiteral("cannot write '%1': %2").arg(m_output, m_writeError), ExitFailed);
+        status = fail(Command, m_writeError, ExitFailed);
     if (status == ExitOk)
         printLine(summary());
     return status;
 }
 
-// Until the first block arrives, a library error means the capture never
-// started (the device did not open); the provider would only log it.
+// Until the first block arrives, a failure the provider reports means the
+// capture never started: the device did not open, or failed at once.
 int RecordCommand::checkCaptureRuns(qint64 elapsedMs)
 {
     if (m_blocksSeen > 0)
         return ExitOk;
     const QString source = m_inputFile.isEmpty() ? QStringLiteral("'%1'").arg(m_stream.device)
                                                  : QStringLiteral("'%1'").arg(m_inputFile);
-    if (LibraryLog::errorCount() > 0)
-        return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, LibraryLog::firstError()), ExitFailed);
+    const quil::CaptureStatus capture = m_provider->captureStatus();
+    if (!capture.errorString.isEmpty())
+        return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, capture.errorString), ExitFailed);
     if (elapsedMs > NoAudioTimeoutMs)
         return fail(Command, QStringLiteral("no audio from %1 within %2 s").arg(source).arg(NoAudioTimeoutMs / 1000),
                     ExitFailed);
@@ -236,6 +240,7 @@ void RecordCommand::stopProvider()
     m_stopping = true;
     armStopWatchdog(StopTimeoutS);
     m_provider->stop();
+    m_restarts = m_provider->captureStatus().restartCount;
     delete m_provider;
     m_provider = nullptr;
     armStopWatchdog(0);
@@ -247,8 +252,11 @@ void RecordCommand::stopProvider()
 void RecordCommand::onLiveBlock(const QByteArray& block)
 {
     ++m_blocksSeen;
+    // The meter is drawn only on a terminal; without it only a trigger needs the level.
+    if (!m_progress.isShown() && !m_armed)
+        return;
     QVector<double> peaks;
-    accumulatePeaks(block, m_stream.format, static_cast<int>(m_stream.channels), &peaks);
+    accumulatePeaks(block.constData(), block.size(), m_stream.format, static_cast<int>(m_stream.channels), &peaks);
     {
         QMutexLocker locker(&m_meterMutex);
         if (m_meterPeaks.size() != peaks.size())
@@ -280,9 +288,10 @@ void RecordCommand::onRecordedBlock(const QByteArray& block)
     if (m_framesWanted >= 0)
         frames = std::min(frames, m_framesWanted - m_framesWritten);
     const QByteArray part = QByteArray::fromRawData(block.constData(), static_cast<int>(frames * m_frameBytes));
-    accumulatePeaks(part, m_stream.format, static_cast<int>(m_stream.channels), &m_recordedPeaks);
-    if (!writeFully(m_outputFd, part.constData(), part.size())) {
-        endRecording(QString::fromLocal8Bit(std::strerror(errno)));
+    accumulatePeaks(part.constData(), part.size(), m_stream.format, static_cast<int>(m_stream.channels),
+                    &m_recordedPeaks);
+    if (!m_outputFile.write(part.constData(), part.size())) {
+        endRecording(m_outputFile.errorString());
         return;
     }
     m_framesWritten += frames;
@@ -319,10 +328,10 @@ QString RecordCommand::summary() const
     for (double peak : m_recordedPeaks)
         peaks << dbfsText(peak);
     const QString source = m_inputFile.isEmpty() ? m_stream.device : m_inputFile;
-    return QStringLiteral("recorded %1 frames (%2) from '%3' into '%4': peak %5 dBFS, capture errors %6")
+    return QStringLiteral("recorded %1 frames (%2) from '%3' into '%4': peak %5 dBFS, capture restarts %6")
         .arg(m_framesWritten.load()).arg(secondsText(m_framesWritten, m_stream.rate)).arg(source, m_output)
         .arg(peaks.isEmpty() ? QStringLiteral("-inf") : peaks.join(QStringLiteral(" / ")))
-        .arg(LibraryLog::errorCount());
+        .arg(m_restarts);
 }
 
 } // namespace quilaudio

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AudioFile.h"
 #include "CommandSupport.h"
 
 #include "CMDataTransfer.h"
@@ -56,7 +57,7 @@ private:
     StreamOptions m_stream;
     QString m_inputFile;
     QString m_output;
-    int m_periodMs = 20;
+    int m_periodMs = -1;
     int m_bufferMs = -1;
     int m_ringMs = -1;
     int m_preRollMs = 0;
@@ -68,7 +69,7 @@ private:
     // Deleted by stopProvider() only: the worker may use it until then.
     AudioInputDataProvider* m_provider = nullptr;
     CMBufferedDataTransfer m_recording;
-    int m_outputFd = -1;
+    AudioFile m_outputFile;
     int m_frameBytes = 0;
     qint64 m_framesWanted = -1;
     QEventLoop m_loop;
@@ -76,6 +77,7 @@ private:
 
     std::atomic<bool> m_armed{false};
     std::atomic<bool> m_stopping{false};
+    int m_restarts = 0;   // the provider's restart count, kept for the summary
     std::atomic<bool> m_done{false};
     std::atomic<qint64> m_blocksSeen{0};
     std::atomic<qint64> m_framesWritten{0};

@@ -2,6 +2,7 @@
 // a board before its host program exists. Each subcommand is one class.
 
 #include "CommandSupport.h"
+#include "DevicesCommand.h"
 #include "MixerCommand.h"
 #include "PlayCommand.h"
 #include "RecordCommand.h"
@@ -20,7 +21,8 @@ const char* const Usage =
     "Commands (each has --help):\n"
     "  record   capture from an ALSA PCM or a raw file into a raw file or stdout\n"
     "  play     play raw PCM or a tone to an ALSA PCM or a raw file\n"
-    "  mixer    list, get, set and watch mixer elements";
+    "  mixer    list, get, set and watch mixer elements\n"
+    "  devices  list the PCMs and the sound cards with their mixer elements";
 
 } // namespace
 
@@ -37,7 +39,7 @@ int main(int argc, char** argv)
     // -v means --verbose in every command, so the version has the long form only.
     const QCommandLineOption version(QStringLiteral("version"), QStringLiteral("Displays version information."));
     parser.addOption(version);
-    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("record, play or mixer."));
+    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("record, play, mixer or devices."));
     // Everything after the command belongs to the command's own parser.
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
     if (!parser.parse(QCoreApplication::arguments())) {
@@ -63,6 +65,8 @@ int main(int argc, char** argv)
         return quilaudio::PlayCommand().run(arguments);
     if (command == QLatin1String("mixer"))
         return quilaudio::MixerCommand().run(arguments);
-    std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play or mixer)\n", qPrintable(command));
+    if (command == QLatin1String("devices"))
+        return quilaudio::DevicesCommand().run(arguments);
+    std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play, mixer or devices)\n", qPrintable(command));
     return quilaudio::ExitUsage;
 }

@@ -72,3 +72,13 @@ CMBufferedDataTransfer AudioInputDataProvider::liveFeedWithOffset(int offsetMs)
     QUIL_TRACE_ENTRY();
     return m_thread->liveFeedWithOffset(offsetMs);
 }
+
+quil::CaptureStatus AudioInputDataProvider::captureStatus() const
+{
+    return m_thread->captureStatus();
+}
+
+void AudioInputDataProvider::setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener)
+{
+    m_thread->setCaptureStatusListener(std::move(listener));
+}

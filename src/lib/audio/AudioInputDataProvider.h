@@ -2,8 +2,11 @@
 
 #include "AudioInputDevice.h"
 #include "CMDataTransfer.h"
+#include "CaptureStatus.h"
 
 #include <QtGlobal>
+
+#include <functional>
 
 class AudioInputDataProviderThread;
 
@@ -41,6 +44,15 @@ public:
     /// A new feed starting offsetMs in the past (see
     /// AudioInputDataProviderThread::liveFeedWithOffset()).
     CMBufferedDataTransfer liveFeedWithOffset(int offsetMs);
+
+    /// Whether capture is running, stopped, or waiting to restart after a
+    /// read failure, with the failure's reason and the number of restarts
+    /// (see AudioInputDataProviderThread::captureStatus()). Safe from any thread.
+    quil::CaptureStatus captureStatus() const;
+    /// Calls listener in the provider's worker thread whenever captureStatus()
+    /// changes; replaces the previous listener, an empty one removes it. Safe
+    /// from any thread. The listener must not block: capture waits for it.
+    void setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener);
 
 private:
     Q_DISABLE_COPY(AudioInputDataProvider)

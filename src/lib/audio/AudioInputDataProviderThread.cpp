@@ -62,6 +62,7 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
     , m_ringBuffer(heldRingBytes(msToByteCount(quil::clampedToInt(bufferDurationMs))), '\0')
     , m_link(new quil::WorkerLink{{}, this})
 {
+    qRegisterMetaType<quil::CaptureStatus>();
     Q_ASSERT(oneReadSizeFrames > 0);
     if (bufferDurationMs != 0)
         Q_ASSERT(m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames));
@@ -224,8 +225,11 @@ void AudioInputDataProviderThread::on_dataProvider_started()
     if (m_running) {
         if (!m_device->open()) {
             LOG4CPLUS_ERROR(logger, "Unable to open audio input device: " << m_device->name());
+            setCaptureStatus(quil::CaptureState::Stopped,
+                             QStringLiteral("Unable to open audio input device: ") + m_device->name());
             return;
         }
+        setCaptureStatus(quil::CaptureState::Running, QString());
         if (!captureWhileRunning())
             return;
     }
@@ -244,6 +248,10 @@ bool AudioInputDataProviderThread::captureWhileRunning()
         if (!m_device->read(&block, readFrames)) {
             LOG4CPLUS_ERROR(logger, "Error while reading the input device, restarting provider in "
                                         << RestartDelayMs << " ms");
+            setCaptureStatus(quil::CaptureState::Restarting,
+                             QStringLiteral("Error while reading the input device, restarting provider in %1 ms")
+                                 .arg(RestartDelayMs),
+                             true);
             QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this, SLOT(on_dataProvider_started()));
             return false;
         }
@@ -336,4 +344,45 @@ void AudioInputDataProviderThread::finishTransfersAndClose()
         feed.finish(CMError());
     m_liveFeed.finish(CMError());
     m_device->close();
+    setCaptureStatus(quil::CaptureState::Stopped, QString());
+}
+
+quil::CaptureStatus AudioInputDataProviderThread::captureStatus() const
+{
+    quil::MutexLocker locker(&m_mutex);
+    return m_status;
+}
+
+void AudioInputDataProviderThread::setCaptureStatusListener(
+    std::function<void(const quil::CaptureStatus&)> listener)
+{
+    quil::MutexLocker locker(&m_mutex);
+    m_statusListener = std::move(listener);
+}
+
+// Runs in the worker thread. A failure carries the device's own reason; the
+// provider's log line stands in when the device gave none. Running and a plain
+// stop carry no text.
+void AudioInputDataProviderThread::setCaptureStatus(quil::CaptureState state, const QString& fallbackText,
+                                                    bool restarting)
+{
+    quil::CaptureStatus status;
+    std::function<void(const quil::CaptureStatus&)> listener;
+    {
+        quil::MutexLocker locker(&m_mutex);
+        status.state = state;
+        status.restartCount = m_status.restartCount + (restarting ? 1 : 0);
+        if (!fallbackText.isEmpty()) {
+            const QString deviceText = m_device->errorString();
+            status.errorString = deviceText.isEmpty() ? fallbackText : deviceText;
+            status.errorCode = m_device->errorCode();
+        }
+        if (status == m_status)
+            return;
+        m_status = status;
+        listener = m_statusListener;
+    }
+    emit captureStatusChanged(status);
+    if (listener)
+        listener(status);
 }

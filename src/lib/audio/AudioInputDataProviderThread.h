@@ -2,6 +2,7 @@
 
 #include "AudioInputDevice.h"
 #include "CMDataTransfer.h"
+#include "CaptureStatus.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -12,6 +13,7 @@
 #include <QVector>
 
 #include <atomic>
+#include <functional>
 
 namespace quil {
 struct WorkerLink;
@@ -25,6 +27,7 @@ struct WorkerLink;
 /// Every public operation may be called from any thread. The capture run blocks
 /// the worker thread's event loop until it ends: on stop() after the current
 /// block, on a read error (a new run follows 2000 ms later), or on an open error.
+/// captureStatus() tells which, with the device's reason for a failure.
 class QUIL_AUDIO_EXPORT AudioInputDataProviderThread : public QObject
 {
     Q_OBJECT
@@ -68,6 +71,18 @@ public:
     /// conversions are clamped to the int range.
     int msToByteCount(int ms) const;
 
+    /// The capture state now; safe from any thread.
+    quil::CaptureStatus captureStatus() const;
+    /// Called in the worker thread, after captureStatusChanged(), on every
+    /// change of the status; replaces the previous listener. Safe from any
+    /// thread; the listener must not block, as capture waits for it.
+    void setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener);
+
+signals:
+    /// Emitted in the worker thread whenever captureStatus() changes (a
+    /// queued connection delivers a copy to a receiver in another thread).
+    void captureStatusChanged(const quil::CaptureStatus& status);
+
 private slots:
     void on_dataProvider_started();
 
@@ -90,6 +105,7 @@ private:
     void releaseHeldFeed(unsigned int key);
     void forgetFeed(unsigned int key);
     int ringSize() const;
+    void setCaptureStatus(quil::CaptureState state, const QString& fallbackText, bool restarting = false);
 
     mutable QMutex m_mutex;
     std::atomic<bool> m_running{false};
@@ -102,4 +118,6 @@ private:
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
     QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;
+    quil::CaptureStatus m_status;   // under m_mutex
+    std::function<void(const quil::CaptureStatus&)> m_statusListener;   // under m_mutex
 };

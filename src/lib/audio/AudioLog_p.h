@@ -2,6 +2,7 @@
 
 // Internal logging conventions shared by every source file of the library.
 
+#include "LastError.h"
 #include "QuilPlatform.h"
 
 #include <log4cplus/logger.h>
@@ -26,30 +27,42 @@
 namespace quil {
 namespace detail {
 
-// Logs message + snd_strerror(result) + suffix at ERROR when result is negative,
-// attributing the record to the caller's file, line and function.
+// Logs text at ERROR, attributed to the caller's file, line and function, and
+// records it with code in *error when one is given: the caller then learns
+// the same reason that the log carries.
+inline void reportError(const log4cplus::Logger& log, LastError* error, long code, const std::string& text,
+                        const char* file, int line, const char* function)
+{
+    if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL))
+        log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text, file, line, function);
+    if (error)
+        error->set(QString::fromStdString(text), static_cast<int>(code));
+}
+
+// Logs (and records) message + snd_strerror(result) + suffix when result is negative.
 inline bool alsaFailed(const log4cplus::Logger& log, long result, const char* message,
-                       const char* suffix, const char* file, int line, const char* function)
+                       const char* suffix, const char* file, int line, const char* function,
+                       LastError* error = nullptr)
 {
     if (result >= 0)
         return false;
-    if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
+    if (error || log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
         std::ostringstream text;
         text << message << snd_strerror(static_cast<int>(result)) << suffix;
-        log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text.str(), file, line, function);
+        reportError(log, error, result, text.str(), file, line, function);
     }
     return true;
 }
 
-// Logs message + snd_strerror(code) + ") (" + code + ")" at ERROR: run-time
+// Logs (and records) message + snd_strerror(code) + ") (" + code + ")": run-time
 // PCM errors carry the number too, as the text alone can be ambiguous.
 inline void logRuntimeError(const log4cplus::Logger& log, long code, const char* message,
-                            const char* file, int line, const char* function)
+                            const char* file, int line, const char* function, LastError* error = nullptr)
 {
-    if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
+    if (error || log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
         std::ostringstream text;
         text << message << snd_strerror(static_cast<int>(code)) << ") (" << code << ")";
-        log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text.str(), file, line, function);
+        reportError(log, error, code, text.str(), file, line, function);
     }
 }
 
@@ -71,3 +84,24 @@ inline void logRuntimeError(const log4cplus::Logger& log, long code, const char*
 #define QUIL_LOG_ALSA_RUNTIME_ERROR(code, message) \
     quil::detail::logRuntimeError(logger, (code), message, __FILE__, __LINE__, \
                                   LOG4CPLUS_MACRO_FUNCTION())
+
+// The same three, also recording the failure in the quil::LastError* error.
+#define QUIL_ALSA_FAILED_TO(error, result, message) \
+    quil::detail::alsaFailed(logger, (result), message, "", __FILE__, __LINE__, \
+                             LOG4CPLUS_MACRO_FUNCTION(), (error))
+#define QUIL_ALSA_FAILED_PAREN_TO(error, result, message) \
+    quil::detail::alsaFailed(logger, (result), message, ")", __FILE__, __LINE__, \
+                             LOG4CPLUS_MACRO_FUNCTION(), (error))
+#define QUIL_LOG_ALSA_RUNTIME_ERROR_TO(error, code, message) \
+    quil::detail::logRuntimeError(logger, (code), message, __FILE__, __LINE__, \
+                                  LOG4CPLUS_MACRO_FUNCTION(), (error))
+
+// LOG4CPLUS_ERROR(logger, streamed) that also records the text, with code
+// (0 when the failure has none), in the quil::LastError* error.
+#define QUIL_ERROR_TO(error, code, streamed)                                                   \
+    do {                                                                                       \
+        std::ostringstream quilErrorText_;                                                     \
+        quilErrorText_ << streamed;                                                            \
+        quil::detail::reportError(logger, (error), (code), quilErrorText_.str(), __FILE__,     \
+                                  __LINE__, LOG4CPLUS_MACRO_FUNCTION());                       \
+    } while (false)

@@ -4,6 +4,7 @@
 #include "Synchronization_p.h"
 #include "PcmFormat_p.h"
 
+#include <cerrno>
 #include <unistd.h>
 
 QUIL_AUDIO_DEFINE_LOGGER();
@@ -20,6 +21,7 @@ FileInputDevice::~FileInputDevice() = default;
 bool FileInputDevice::open()
 {
     m_timer.restart();
+    lastError().clear();
     return true;
 }
 
@@ -37,7 +39,7 @@ bool FileInputDevice::read(QByteArray* buffer, int frameCount)
     // Without a positive rate a block has no duration to pace by, and the
     // provider would spin through reads at full speed; fail as on a read error.
     if (m_sampleRate <= 0) {
-        LOG4CPLUS_ERROR(logger, "Cannot pace blocks at a sample rate of " << m_sampleRate);
+        QUIL_ERROR_TO(&lastError(), 0, "Cannot pace blocks at a sample rate of " << m_sampleRate);
         return false;
     }
     // A format without a width, or no channels, gives frames of no bytes:
@@ -45,7 +47,7 @@ bool FileInputDevice::read(QByteArray* buffer, int frameCount)
     const qint64 frameBytes = qMax<qint64>(0, static_cast<qint64>(bytesPerSample()) * m_channelCount);
     const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
     if (blockBytes < 0) {
-        LOG4CPLUS_ERROR(logger, "Cannot read " << frameCount << " frames into one block");
+        QUIL_ERROR_TO(&lastError(), 0, "Cannot read " << frameCount << " frames into one block");
         return false;
     }
     buffer->fill(0, static_cast<int>(blockBytes));
@@ -58,6 +60,7 @@ bool FileInputDevice::read(QByteArray* buffer, int frameCount)
     const qint64 durationMs = 1000 * framesRead / m_sampleRate;
     LOG4CPLUS_TRACE(logger, "Time duration for this buffer: " << durationMs << " ms");
     pace(durationMs);
+    lastError().clear();
     return true;
 }
 
@@ -78,7 +81,7 @@ qint64 FileInputDevice::readFileInto(QByteArray* buffer)
             break;
         }
         if (got < 0) {
-            LOG4CPLUS_ERROR(logger, "Error reading from file");
+            QUIL_ERROR_TO(&lastError(), -errno, "Error reading from file");
             m_file.close();
             return -1;
         }
@@ -131,7 +134,10 @@ bool FileInputDevice::playFile(const QString& path)
     m_file.close();
     m_file.setFileName(path);
     const bool opened = m_file.open(QIODevice::ReadOnly);
+    const int openErrno = errno;   // QFile keeps only its own error kind
     if (!opened)
-        LOG4CPLUS_ERROR(logger, "Cannot open file: " << path);
+        QUIL_ERROR_TO(&lastError(), -openErrno, "Cannot open file: " << path);
+    else
+        lastError().clear();
     return opened;
 }

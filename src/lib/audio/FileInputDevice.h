@@ -43,7 +43,9 @@ public:
 
     /// Switches to the file at path, from its beginning, keeping the current
     /// pace. Waits at most for the block being read. False (and reads deliver
-    /// zeros) when the file cannot be opened.
+    /// zeros) when the file cannot be opened; errorString() then says so and
+    /// errorCode() holds the system's reason (-ENOENT, -EACCES, ...) until
+    /// the next success of playFile(), open() or read().
     bool playFile(const QString& path);
 
 private:

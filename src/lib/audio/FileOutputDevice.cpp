@@ -2,6 +2,8 @@
 
 #include "PcmFormat_p.h"
 
+#include <cerrno>
+
 namespace {
 
 constexpr int FileFramesReady = 4096;
@@ -21,9 +23,15 @@ FileOutputDevice::~FileOutputDevice() = default;
 
 bool FileOutputDevice::open()
 {
-    if (m_file.isOpen())
+    if (m_file.isOpen() || m_file.open(QIODevice::WriteOnly)) {
+        lastError().clear();
         return true;
-    return m_file.open(QIODevice::WriteOnly);
+    }
+    // This device logs nothing; its caller still learns why.
+    const int code = -errno;
+    lastError().set(QStringLiteral("Cannot open file: %1 (%2)").arg(m_file.fileName(), m_file.errorString()),
+                    code);
+    return false;
 }
 
 void FileOutputDevice::close(AudioOutputDevice::CloseMode)
@@ -40,8 +48,15 @@ bool FileOutputDevice::isOpened()
 // would only print a warning of its own.
 AudioOutputDevice::WriteResult FileOutputDevice::write(const QByteArray& data)
 {
-    if (m_file.isOpen())
-        m_file.write(data);
+    if (!m_file.isOpen())
+        return Written;
+    if (m_file.write(data) == data.size()) {
+        lastError().clear();
+    } else {
+        const int code = -errno;
+        lastError().set(QStringLiteral("Cannot write to file: %1 (%2)").arg(m_file.fileName(), m_file.errorString()),
+                        code);
+    }
     return Written;
 }
 

@@ -11,7 +11,8 @@
 /// output be inspected.
 ///
 /// Every open() of a closed device starts the file empty. Write failures of
-/// the file system are not reported.
+/// the file system do not change write()'s result; errorString() names them
+/// (this device logs nothing).
 class QUIL_AUDIO_EXPORT FileOutputDevice : public AudioOutputDevice
 {
 public:

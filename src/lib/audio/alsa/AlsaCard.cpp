@@ -19,12 +19,15 @@ AlsaCard::~AlsaCard() = default;
 
 bool AlsaCard::open()
 {
-    if (isOpen())
-        return true;
-    // A handle that closed itself is replaced; the cache never hands out its
-    // elements again, as they are all retired (see cachedElement()).
-    m_handle = AlsaMixerHandle::openHandle(m_name);
-    return isOpen();
+    if (!isOpen()) {
+        // A handle that closed itself is replaced; the cache never hands out its
+        // elements again, as they are all retired (see cachedElement()).
+        m_handle = AlsaMixerHandle::openHandle(m_name, &m_lastError);
+        if (!isOpen())
+            return false;
+    }
+    m_lastError.clear();
+    return true;
 }
 
 bool AlsaCard::isOpen() const
@@ -37,31 +40,46 @@ QString AlsaCard::name() const
     return m_name;
 }
 
+QString AlsaCard::errorString() const
+{
+    const QString text = m_lastError.text();
+    return text.isEmpty() && m_handle && !m_handle->isOpen() ? m_handle->errorString() : text;
+}
+
+int AlsaCard::errorCode() const
+{
+    const QString text = m_lastError.text();
+    return text.isEmpty() && m_handle && !m_handle->isOpen() ? m_handle->errorCode() : m_lastError.code();
+}
+
 AlsaMixerElementPtr AlsaCard::loadMixerElement(const QString& name)
 {
     QUIL_TRACE_ENTRY(<< "Name: " << name << ", open " << isOpen());
     if (name.isEmpty()) {
-        LOG4CPLUS_ERROR(logger, "Cannot load mixer element with empty name");
+        QUIL_ERROR_TO(&m_lastError, 0, "Cannot load mixer element with empty name");
         return {};
     }
     if (!isOpen()) {
-        LOG4CPLUS_ERROR(logger, "Cannot load mixer element, not opened " << m_name);
+        QUIL_ERROR_TO(&m_lastError, 0, "Cannot load mixer element, not opened " << m_name);
         return {};
     }
 
     const QString fullName = m_handle->guessElementName(name);
     LOG4CPLUS_DEBUG(logger, "Search element by name: " << name << " -> " << fullName);
-    if (AlsaMixerElementPtr cached = cachedElement(fullName))
+    if (AlsaMixerElementPtr cached = cachedElement(fullName)) {
+        m_lastError.clear();
         return cached;
+    }
 
     snd_mixer_elem_t* elem = m_handle->findElement(fullName);
     if (!elem) {
-        LOG4CPLUS_ERROR(logger, "Element '" << name << "' ('" << fullName << "') not found");
+        QUIL_ERROR_TO(&m_lastError, 0, "Element '" << name << "' ('" << fullName << "') not found");
         return {};
     }
     LOG4CPLUS_TRACE(logger, "Element '" << fullName << "' at " << static_cast<const void*>(elem));
     AlsaMixerElementPtr element(new AlsaMixerElement(fullName, elem, m_handle));
     m_elements.insert(fullName, element);
+    m_lastError.clear();
     return element;
 }
 

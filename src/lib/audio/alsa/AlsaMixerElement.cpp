@@ -20,25 +20,26 @@ Function* side(AlsaElementMode mode, Function* playback, Function* capture)
 
 // For the element's controls any result but 0 is a failure, positive ones
 // included; it is logged as the described action + " failed: " + the error text.
+// The outcome is also the element's last error: set on failure, cleared on success.
 template <class Describe>
-bool elementCallFailed(const log4cplus::Logger& log, int result, Describe describe, const char* file,
-                       int line, const char* function)
+bool elementCallFailed(const log4cplus::Logger& log, quil::LastError* error, int result, Describe describe,
+                       const char* file, int line, const char* function)
 {
-    if (result == 0)
+    if (result == 0) {
+        error->clear();
         return false;
-    if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
-        std::ostringstream text;
-        describe(text);
-        text << " failed: " << snd_strerror(result);
-        log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text.str(), file, line, function);
     }
+    std::ostringstream text;
+    describe(text);
+    text << " failed: " << snd_strerror(result);
+    quil::detail::reportError(log, error, result, text.str(), file, line, function);
     return true;
 }
 
 } // namespace
 
 #define QUIL_ELEMENT_CALL_FAILED(result, action)                                                   \
-    elementCallFailed(logger, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
+    elementCallFailed(logger, &m_lastError, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
                       __LINE__, LOG4CPLUS_MACRO_FUNCTION())
 
 AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem,
@@ -75,7 +76,7 @@ bool AlsaMixerElement::isUsableLogged() const
 {
     if (isUsable())
         return true;
-    LOG4CPLUS_ERROR(logger, "Mixer element " << m_name << " is no longer available");
+    QUIL_ERROR_TO(&m_lastError, 0, "Mixer element " << m_name << " is no longer available");
     return false;
 }
 
@@ -202,7 +203,7 @@ size_t AlsaMixerElement::getEnumSize()
     if (!isUsableLogged())
         return 0;
     const int items = snd_mixer_selem_get_enum_items(m_elem);
-    if (items < 0 && QUIL_ELEMENT_CALL_FAILED(items, "Get Enum size: " << m_name))
+    if (QUIL_ELEMENT_CALL_FAILED(items < 0 ? items : 0, "Get Enum size: " << m_name))
         return 0;
     return static_cast<size_t>(items);
 }
@@ -217,6 +218,16 @@ bool AlsaMixerElement::getEnumItemName(unsigned int index, QString* name)
         return false;
     *name = QString::fromUtf8(buffer);
     return true;
+}
+
+QString AlsaMixerElement::errorString() const
+{
+    return m_lastError.text();
+}
+
+int AlsaMixerElement::errorCode() const
+{
+    return m_lastError.code();
 }
 
 int AlsaMixerElement::mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask)

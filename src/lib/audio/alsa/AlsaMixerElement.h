@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QObject>
@@ -83,6 +84,14 @@ public:
     /// including ALSA's removal of the element, which also retires the object.
     static int mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask);
 
+    /// Why the last failed call failed: the text of the ERROR line logged
+    /// for it. Empty until a failure, and again once a call that can fail
+    /// (the getters and setters above) succeeds.
+    QString errorString() const;
+    /// The ALSA error code of that failure, or 0 when it had none (an
+    /// element that is no longer available) or there was no failure.
+    int errorCode() const;
+
 signals:
     /// The element's value changed; read it through the getters.
     void changed();
@@ -98,6 +107,7 @@ private:
     QSharedPointer<AlsaMixerHandle> m_handle;
     // Set when ALSA removed the element: m_elem is freed once the callback returns.
     bool m_removed = false;
+    mutable quil::LastError m_lastError;
 };
 
 /// How elements are handed to clients.

@@ -20,22 +20,27 @@ AlsaMixerHandle::~AlsaMixerHandle()
 
 QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name)
 {
+    return openHandle(name, nullptr);
+}
+
+QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name, quil::LastError* error)
+{
     QUIL_TRACE_ENTRY(<< "Name: " << name);
     snd_mixer_t* mixer = nullptr;
-    if (QUIL_ALSA_FAILED(snd_mixer_open(&mixer, 0), "Mixer open error: "))
+    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_open(&mixer, 0), "Mixer open error: "))
         return {};
 
     // From here on, dropping this pointer closes the mixer on every failure.
     QSharedPointer<AlsaMixerHandle> handle(new AlsaMixerHandle(mixer));
     const QByteArray deviceName = name.toUtf8();
-    if (QUIL_ALSA_FAILED(snd_mixer_attach(mixer, deviceName.constData()),
+    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_attach(mixer, deviceName.constData()),
                          ("Mixer attach " + deviceName + " error: ").constData()))
         return {};
-    if (QUIL_ALSA_FAILED(snd_mixer_selem_register(mixer, nullptr, nullptr), "Mixer register error: "))
+    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_selem_register(mixer, nullptr, nullptr), "Mixer register error: "))
         return {};
-    if (QUIL_ALSA_FAILED(snd_mixer_load(mixer), ("Mixer " + deviceName + " load error: ").constData()))
+    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_load(mixer), ("Mixer " + deviceName + " load error: ").constData()))
         return {};
-    if (!handle->fetchPollDescriptors())
+    if (!handle->fetchPollDescriptors(error))
         return {};
     handle->watchPollDescriptors();
     return handle;
@@ -43,17 +48,17 @@ QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name)
 
 // A mixer without descriptors could never report a change, so it counts as a
 // failure rather than as a handle without events.
-bool AlsaMixerHandle::fetchPollDescriptors()
+bool AlsaMixerHandle::fetchPollDescriptors(quil::LastError* error)
 {
     const int count = snd_mixer_poll_descriptors_count(m_mixer);
     if (count <= 0) {
-        LOG4CPLUS_ERROR(logger, "Failed to get poll descriptors count: " << count);
+        QUIL_ERROR_TO(error, count, "Failed to get poll descriptors count: " << count);
         return false;
     }
     m_pollFds.resize(count);
     const int filled = snd_mixer_poll_descriptors(m_mixer, m_pollFds.data(), static_cast<unsigned int>(count));
     if (filled <= 0) {
-        LOG4CPLUS_ERROR(logger, "Failed to get poll descriptors: " << filled);
+        QUIL_ERROR_TO(error, filled, "Failed to get poll descriptors: " << filled);
         return false;
     }
     m_pollFds.resize(qMin(filled, count));
@@ -147,15 +152,25 @@ void AlsaMixerHandle::on_alsaMixerEvent_received(int fd)
         return;
     const unsigned short revents = pendingPollEvents();
     if (revents & (POLLERR | POLLNVAL)) {
-        LOG4CPLUS_ERROR(logger, "POLLERR | POLLNVAL: " << revents);
+        QUIL_ERROR_TO(&m_lastError, 0, "POLLERR | POLLNVAL: " << revents);
         close();
         return;
     }
     // A backend that died (e.g. a sound server that went away) fails here on
     // every wake-up while its descriptor stays readable: without closing, the
     // event loop would come straight back, spinning a core.
-    if (QUIL_ALSA_FAILED(snd_mixer_handle_events(m_mixer), "Mixer event handling error: "))
+    if (QUIL_ALSA_FAILED_TO(&m_lastError, snd_mixer_handle_events(m_mixer), "Mixer event handling error: "))
         close();
+}
+
+QString AlsaMixerHandle::errorString() const
+{
+    return m_lastError.text();
+}
+
+int AlsaMixerHandle::errorCode() const
+{
+    return m_lastError.code();
 }
 
 // The notifier tells only that some descriptor woke up; a poll() without

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QList>
@@ -9,6 +10,7 @@
 #include <QVector>
 
 #include <poll.h>
+
 
 struct _snd_mixer;
 struct _snd_mixer_elem;
@@ -42,6 +44,9 @@ public:
     /// "default") and starts watching its poll descriptors. Null after logging
     /// the failing step.
     static QSharedPointer<AlsaMixerHandle> openHandle(const QString& name);
+    /// The same, also recording the failing step's log text and ALSA code
+    /// in *error (which may be null); leaves *error alone on success.
+    static QSharedPointer<AlsaMixerHandle> openHandle(const QString& name, quil::LastError* error);
 
     /// Names of the active simple elements in mixer order, once per index.
     QList<QString> buildElementList();
@@ -56,16 +61,21 @@ public:
     void close();
     /// True until close(), the destructor, or a poll or event error.
     bool isOpen() const;
+    /// Why the handle closed itself (the logged poll or event error), or empty.
+    QString errorString() const;
+    /// The ALSA error code of that failure, or 0 (a poll error has none).
+    int errorCode() const;
 
 private slots:
     void on_alsaMixerEvent_received(int fd);
 
 private:
-    bool fetchPollDescriptors();
+    bool fetchPollDescriptors(quil::LastError* error);
     void watchPollDescriptors();
     unsigned short pendingPollEvents();
 
     _snd_mixer* m_mixer;
     QVector<pollfd> m_pollFds;
     QList<QSocketNotifier*> m_notifiers;
+    quil::LastError m_lastError;
 };

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QMetaType>
+#include <QString>
+
+namespace quil {
+
+/// What an input data provider's capture is doing.
+enum class CaptureState {
+    Stopped,      ///< not capturing: never started, stopped, or ended by a failed open
+    Running,      ///< the device is open and being read
+    Restarting    ///< a read failed; a new run opens the device again 2000 ms later
+};
+
+/// A provider's capture state with the reason of its last failure. A
+/// program that runs for months can watch this instead of the log.
+struct CaptureStatus
+{
+    CaptureState state = CaptureState::Stopped;
+    /// Why capture is restarting, or why it stopped after a failed open: the
+    /// device's errorString() (or the provider's own log line when the device
+    /// gave none). Empty while running and after a plain stop.
+    QString errorString;
+    /// The device's errorCode() for that failure, or 0.
+    int errorCode = 0;
+    /// Restarts after read failures since the provider was built.
+    int restartCount = 0;
+
+    bool operator==(const CaptureStatus& other) const
+    {
+        return state == other.state && errorString == other.errorString && errorCode == other.errorCode
+            && restartCount == other.restartCount;
+    }
+    bool operator!=(const CaptureStatus& other) const { return !(*this == other); }
+};
+
+} // namespace quil
+
+Q_DECLARE_METATYPE(quil::CaptureStatus)

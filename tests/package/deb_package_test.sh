@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Builds the Debian packages (scripts/package.sh, in PACKAGE_BUILD_DIR, kept
+# between runs), unpacks them into a temporary root and builds the example
+# client against that root; runs the unpacked tool, reads its manual page
+# and has lintian check the packages.
+# Usage: deb_package_test.sh SOURCE_DIR PACKAGE_BUILD_DIR
+set -euo pipefail
+source=$1 build=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+root=$work/root
+
+"$source/scripts/package.sh" "$work/debs" "$build" >/dev/null
+for deb in "$work"/debs/*.deb; do
+    dpkg-deb -x "$deb" "$root"
+done
+bash "$(dirname "$0")/example_clients.sh" "$root/usr" "$source" "$work"
+
+echo "== unpacked tool and its manual page"
+tool=$root/usr/bin/quil-audio
+libdir=$(dirname "$(find "$root" -name libquil_audio.so.0 -print -quit)")
+export LD_LIBRARY_PATH=$libdir
+"$tool" --version
+# Every command and every option of it that --help names must be in the page.
+page=$(MANWIDTH=200 LC_ALL=C.UTF-8 man --nh --nj -l "$root/usr/share/man/man1/quil-audio.1.gz")
+commands=$("$tool" --help | sed -n '/^Commands/,/^$/s/^  \([a-z]\+\)  .*/\1/p')
+missing=0
+for command in $commands; do
+    for word in "quil-audio $command" $("$tool" "$command" --help | grep -o -- '--[a-z-]*' | sort -u); do
+        grep -qF -- "$word" <<<"$page" || { echo "the manual page lacks '$word' ($command)" >&2; missing=1; }
+    done
+done
+[ -n "$commands" ] && [ "$missing" -eq 0 ]
+
+echo "== lintian"
+lintian --fail-on error "$work"/debs/*.deb
