@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Soak run, not part of CI: capture with feeds that come and go, playback with
-# xruns and reopens, and mixer changes made from outside, all against a
-# private PulseAudio server, for the given time. Every few seconds the load's
+# Soak run, not part of CI: the quil-audio tool records with a pre-roll ring
+# (the provider's live and time-shifted feeds), plays a tone and watches the
+# mixer while the volume is changed from outside, all against a private
+# PulseAudio server, for the given time. Every few seconds the recorder's
 # resident memory, open descriptors and threads go into a CSV; a summary of
-# it and of what the load did is printed at the end.
+# it and the tool's own summaries are printed at the end.
 # Usage: scripts/soak.sh [SECONDS (600)] [CSV (build/soak.csv)]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -15,7 +16,8 @@ csv=${2:-build/soak.csv}
 interval=5
 
 cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build/test -j2 --target quil_soak >/dev/null
+cmake --build build/test -j2 --target quil-audio >/dev/null
+tool=build/test/tools/quil-audio
 
 dir=$(mktemp -d /tmp/quil-soak-XXXXXX)
 pids=()
@@ -32,7 +34,12 @@ trap cleanup EXIT
 start_private_sound_server "$dir" testsink 48000
 pids+=("${sound_server_pids[@]}")
 
-build/test/tests/soak/quil_soak "$duration" >"$dir/load.log" 2>&1 &
+"$tool" play -D pulse --tone 440 -d "$duration" >"$dir/play.log" 2>&1 &
+pids=("$!" "${pids[@]}")
+"$tool" mixer -D pulse watch >"$dir/mixer.log" 2>&1 &
+mixer=$!
+pids=("$mixer" "${pids[@]}")
+"$tool" record -D pulse --pre-roll-ms 2000 -d "$duration" "$dir/soak.raw" >"$dir/load.log" 2>&1 &
 load=$!
 pids=("$load" "${pids[@]}")
 
@@ -51,9 +58,11 @@ while kill -0 "$load" 2>/dev/null; do
     pactl set-sink-volume @DEFAULT_SINK@ "$((RANDOM % 100))%" >/dev/null 2>&1 || true
     sleep 0.5
 done
-wait "$load" || { echo "the load failed:"; cat "$dir/load.log"; exit 1; }
+wait "$load" || { echo "the recorder failed:"; cat "$dir/load.log"; exit 1; }
+kill -INT "$mixer" 2>/dev/null || true
 
-cat "$dir/load.log"
+tail -n 1 "$dir/load.log" "$dir/play.log"
+echo "mixer changes seen: $(grep -c changed "$dir/mixer.log" || true)"
 # First minute excluded from the ranges: caches and pools fill up then.
 awk -F, 'NR > 1 {
         n++; t[n] = $1; r[n] = $2; f[n] = $3; h[n] = $4

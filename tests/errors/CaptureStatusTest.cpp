@@ -4,7 +4,7 @@
 
 #include "AlsaInputDevice.h"
 #include "AudioInputDataProvider.h"
-#include "QtPrinters.h"
+#include "LogCapture.h"
 #include "SoundServer.h"
 
 #include <QCoreApplication>

@@ -2,37 +2,14 @@
 
 #include <dlfcn.h>
 
-#include <map>
-#include <set>
-
 namespace quiltest {
 namespace faults {
-
-namespace {
-
-struct Armed
-{
-    long result;
-    int times;
-    int after;
-};
-
-struct State
-{
-    std::mutex mutex;
-    std::map<std::string, Armed> armed;
-    std::map<std::string, int> calls;
-    std::set<void*> pcms;
-    std::set<void*> mixers;
-};
 
 State& state()
 {
     static State* s = new State;   // never destroyed: interposers may run during exit
     return *s;
 }
-
-} // namespace
 
 void arm(const std::string& function, long result, int times, int after)
 {
@@ -42,29 +19,24 @@ void arm(const std::string& function, long result, int times, int after)
 
 void reset()
 {
-    {
-        std::lock_guard<std::mutex> lock(state().mutex);
-        state().armed.clear();
-        state().calls.clear();
-    }
-    std::lock_guard<std::mutex> lock(hookMutex());
-    hooks().clear();
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().armed.clear();
+    state().calls.clear();
+    state().hooks.clear();
 }
 
 int calls(const std::string& function)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    auto it = state().calls.find(function);
-    return it == state().calls.end() ? 0 : it->second;
+    return state().calls.count(function) ? state().calls[function] : 0;
 }
 
 int callsStartingWith(const std::string& prefix)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
     int total = 0;
-    for (auto it = state().calls.lower_bound(prefix);
-         it != state().calls.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it)
-        total += it->second;
+    for (const auto& entry : state().calls)
+        total += entry.first.compare(0, prefix.size(), prefix) == 0 ? entry.second : 0;
     return total;
 }
 
@@ -73,17 +45,12 @@ bool takeFailure(const char* function, long* result)
     std::lock_guard<std::mutex> lock(state().mutex);
     ++state().calls[function];
     auto it = state().armed.find(function);
-    if (it == state().armed.end())
+    if (it == state().armed.end() || it->second.times == 0)
         return false;
     Armed& armed = it->second;
-    if (armed.after > 0) {
-        --armed.after;
-        return false;
-    }
-    if (armed.times == 0)
-        return false;
-    if (armed.times > 0)
-        --armed.times;
+    if (armed.after > 0)
+        return --armed.after, false;
+    armed.times -= armed.times > 0 ? 1 : 0;
     *result = armed.result;
     return true;
 }
@@ -97,40 +64,22 @@ void* realSymbol(const char* function)
     return dlsym(RTLD_NEXT, function);
 }
 
-namespace {
 void track(std::set<void*> State::*handles, void* handle, bool open)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    if (open)
-        (state().*handles).insert(handle);
-    else
-        (state().*handles).erase(handle);
+    open ? (void)(state().*handles).insert(handle) : (void)(state().*handles).erase(handle);
 }
 
-int liveCount(std::set<void*> State::*handles)
+int openPcmHandles()
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    return static_cast<int>((state().*handles).size());
-}
-} // namespace
-
-void pcmOpened(void* handle) { track(&State::pcms, handle, true); }
-void pcmClosed(void* handle) { track(&State::pcms, handle, false); }
-void mixerOpened(void* handle) { track(&State::mixers, handle, true); }
-void mixerClosed(void* handle) { track(&State::mixers, handle, false); }
-int openPcmHandles() { return liveCount(&State::pcms); }
-int openMixerHandles() { return liveCount(&State::mixers); }
-
-std::mutex& hookMutex()
-{
-    static std::mutex* mutex = new std::mutex;
-    return *mutex;
+    return static_cast<int>(state().pcms.size());
 }
 
-std::map<std::string, std::any>& hooks()
+int openMixerHandles()
 {
-    static auto* map = new std::map<std::string, std::any>;
-    return *map;
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return static_cast<int>(state().mixers.size());
 }
 
 } // namespace faults

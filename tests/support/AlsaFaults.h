@@ -5,56 +5,62 @@
 // forwards to libasound unless a test armed a failure or installed a hook.
 
 #include <any>
-#include <map>
 #include <functional>
+#include <map>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace quiltest {
 namespace faults {
+
+struct Armed
+{
+    long result;
+    int times, after;
+};
+struct State
+{
+    std::mutex mutex;
+    std::map<std::string, Armed> armed;
+    std::map<std::string, int> calls;
+    std::map<std::string, std::any> hooks;
+    std::set<void*> pcms, mixers;
+};
+State& state();
 
 /// Makes `function` return `result` for `times` calls (-1: until reset), after
 /// letting `after` calls pass through.
 void arm(const std::string& function, long result, int times = 1, int after = 0);
 /// Clears every armed failure and hook, and the call counters.
 void reset();
-/// Calls of `function` since the last reset, failed ones included.
+/// Calls of `function` (of every function whose name starts with it) since the last reset.
 int calls(const std::string& function);
-/// Calls since the last reset of every function whose name starts with `prefix`.
 int callsStartingWith(const std::string& prefix);
-
 /// PCM and mixer handles opened through the library and not closed yet.
 int openPcmHandles();
 int openMixerHandles();
+void track(std::set<void*> State::*handles, void* handle, bool open);
 
 // Interposer internals.
 bool takeFailure(const char* function, long* result);
 void* realSymbol(const char* function);
-void pcmOpened(void* handle);
-void pcmClosed(void* handle);
-void mixerOpened(void* handle);
-void mixerClosed(void* handle);
-
-std::mutex& hookMutex();
-std::map<std::string, std::any>& hooks();   // guarded by hookMutex()
 
 /// Replaces `function` by `hook` until reset(); the hook may call the real one
-/// through realSymbol().
+/// through real().
 template <class Signature>
 void setHook(const std::string& function, std::function<Signature> hook)
 {
-    std::lock_guard<std::mutex> lock(hookMutex());
-    hooks()[function] = std::move(hook);
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().hooks[function] = std::move(hook);
 }
 
 template <class Signature>
 std::function<Signature> hookFor(const char* function)
 {
-    std::lock_guard<std::mutex> lock(hookMutex());
-    auto it = hooks().find(function);
-    if (it == hooks().end())
-        return {};
-    return std::any_cast<std::function<Signature>>(it->second);
+    std::lock_guard<std::mutex> lock(state().mutex);
+    auto it = state().hooks.find(function);
+    return it == state().hooks.end() ? std::function<Signature>() : std::any_cast<std::function<Signature>>(it->second);
 }
 
 template <class Signature>

@@ -1,49 +1,73 @@
 #pragma once
 
-#include <QList>
+// Captures every message of the "AudioLib" logger (TRACE and up) while it
+// exists; messages(level) gives those of one level, in order.
+
 #include <QString>
 #include <QStringList>
 
-#include "QtPrinters.h"
-
 #include <log4cplus/appender.h>
-#include <log4cplus/loglevel.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/spi/loggingevent.h>
 
 #include <mutex>
+#include <ostream>
+
+inline void PrintTo(const QString& text, std::ostream* os)
+{
+    *os << '"' << text.toStdString() << '"';
+}
+
+inline void PrintTo(const QStringList& list, std::ostream* os)
+{
+    *os << '{' << list.join("\", \"").toStdString() << '}';
+}
 
 namespace quiltest {
 
-struct LogRecord
-{
-    log4cplus::LogLevel level;
-    QString message;
-    QString file;
-    int line;
-    QString function;
-};
-
-// Captures every record of the "AudioLib" logger (TRACE and up) while it exists.
 class LogCapture
 {
 public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    QList<LogRecord> records() const;
-    /// Messages of exactly this level, in order.
-    QStringList messages(log4cplus::LogLevel level) const;
-    /// How many records of this level carry exactly this message.
-    int count(log4cplus::LogLevel level, const QString& message) const;
-    /// Messages of this level that start with the prefix.
-    QStringList startingWith(log4cplus::LogLevel level, const QString& prefix) const;
-    void clear();
+    LogCapture() : m_appender(new Appender) { logger().addAppender(m_appender), logger().setLogLevel(log4cplus::TRACE_LOG_LEVEL); }
+    ~LogCapture() { logger().removeAppender(m_appender); }
+    QStringList messages(log4cplus::LogLevel level) const { return appender().messages(level); }
+    void clear() { appender().clear(); }
 
 private:
-    class Appender;
+    class Appender : public log4cplus::Appender
+    {
+    public:
+        ~Appender() override { destructorImpl(); }
+        void close() override {}
+        QStringList messages(log4cplus::LogLevel level)
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            QStringList result;
+            for (const auto& record : m_records)
+                if (record.first == level)
+                    result << record.second;
+            return result;
+        }
+        void clear()
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_records.clear();
+        }
+
+    protected:
+        void append(const log4cplus::spi::InternalLoggingEvent& event) override
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_records.append({event.getLogLevel(), QString::fromStdString(event.getMessage())});
+        }
+
+    private:
+        std::mutex m_mutex;
+        QList<QPair<log4cplus::LogLevel, QString>> m_records;
+    };
+    static log4cplus::Logger logger() { return log4cplus::Logger::getInstance("AudioLib"); }
+    Appender& appender() const { return *static_cast<Appender*>(m_appender.get()); }
     log4cplus::SharedAppenderPtr m_appender;
-    log4cplus::LogLevel m_previousLevel;
 };
 
 } // namespace quiltest

@@ -1,5 +1,5 @@
-// Pass-through definitions of every simple-mixer function the library calls,
-// so that a test can make any of them fail or count them (see AlsaFaults.h).
+// Pass-through definitions of the mixer functions that tests make fail or
+// count (see AlsaFaults.h).
 // Open and close also keep the count of live mixer handles for leak checks.
 
 #include "AlsaFaults.h"
@@ -17,7 +17,7 @@ extern "C" int snd_mixer_open(snd_mixer_t** mixer, int mode)
     static auto* realOpen = real<int(snd_mixer_t**, int)>("snd_mixer_open");
     const int result = realOpen(mixer, mode);
     if (result >= 0)
-        quiltest::faults::mixerOpened(*mixer);
+        quiltest::faults::track(&quiltest::faults::State::mixers, *mixer, true);
     return result;
 }
 
@@ -26,7 +26,7 @@ extern "C" int snd_mixer_close(snd_mixer_t* mixer)
     long armedResult = 0;
     const bool fail = takeFailure("snd_mixer_close", &armedResult);
     static auto* realClose = real<int(snd_mixer_t*)>("snd_mixer_close");
-    quiltest::faults::mixerClosed(mixer);
+    quiltest::faults::track(&quiltest::faults::State::mixers, mixer, false);
     const int result = realClose(mixer);   // an injected failure still releases the handle
     return fail ? static_cast<int>(armedResult) : result;
 }
@@ -40,22 +40,7 @@ QUIL_INTERPOSE(int, snd_mixer_selem_register,
 QUIL_INTERPOSE(int, snd_mixer_load, (snd_mixer_t* m), (m))
 QUIL_INTERPOSE(int, snd_mixer_poll_descriptors_count, (snd_mixer_t* m), (m))
 QUIL_INTERPOSE(int, snd_mixer_poll_descriptors, (snd_mixer_t* m, struct pollfd* p, unsigned int n), (m, p, n))
-QUIL_INTERPOSE(int, snd_mixer_poll_descriptors_revents,
-               (snd_mixer_t* m, struct pollfd* p, unsigned int n, unsigned short* r), (m, p, n, r))
-QUIL_INTERPOSE(int, snd_mixer_handle_events, (snd_mixer_t* m), (m))
-QUIL_INTERPOSE(Elem*, snd_mixer_first_elem, (snd_mixer_t* m), (m))
-QUIL_INTERPOSE(Elem*, snd_mixer_elem_next, (Elem* e), (e))
-QUIL_INTERPOSE(Elem*, snd_mixer_find_selem, (snd_mixer_t* m, const snd_mixer_selem_id_t* id), (m, id))
-QUIL_INTERPOSE(size_t, snd_mixer_selem_id_sizeof, (), ())
-QUIL_INTERPOSE(void, snd_mixer_selem_get_id, (Elem* e, snd_mixer_selem_id_t* id), (e, id))
-QUIL_INTERPOSE(int, snd_mixer_selem_is_active, (Elem* e), (e))
-QUIL_INTERPOSE(const char*, snd_mixer_selem_id_get_name, (const snd_mixer_selem_id_t* id), (id))
-QUIL_INTERPOSE(void, snd_mixer_selem_id_set_index, (snd_mixer_selem_id_t* id, unsigned int i), (id, i))
-QUIL_INTERPOSE(void, snd_mixer_selem_id_set_name, (snd_mixer_selem_id_t* id, const char* n), (id, n))
-QUIL_INTERPOSE(const char*, snd_mixer_selem_get_name, (Elem* e), (e))
-QUIL_INTERPOSE(void, snd_mixer_elem_set_callback, (Elem* e, snd_mixer_elem_callback_t c), (e, c))
 QUIL_INTERPOSE(void, snd_mixer_elem_set_callback_private, (Elem* e, void* p), (e, p))
-QUIL_INTERPOSE(void*, snd_mixer_elem_get_callback_private, (const Elem* e), (e))
 
 QUIL_INTERPOSE(int, snd_mixer_selem_set_playback_dB_all, (Elem* e, long v, int d), (e, v, d))
 QUIL_INTERPOSE(int, snd_mixer_selem_set_capture_dB_all, (Elem* e, long v, int d), (e, v, d))

@@ -18,7 +18,7 @@ extern "C" int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t 
     static auto* realOpen = real<int(snd_pcm_t**, const char*, snd_pcm_stream_t, int)>("snd_pcm_open");
     const int result = realOpen(pcm, name, stream, mode);
     if (result >= 0)
-        quiltest::faults::pcmOpened(*pcm);
+        quiltest::faults::track(&quiltest::faults::State::pcms, *pcm, true);
     return result;
 }
 
@@ -27,7 +27,7 @@ extern "C" int snd_pcm_close(snd_pcm_t* pcm)
     long armedResult = 0;
     const bool fail = takeFailure("snd_pcm_close", &armedResult);
     static auto* realClose = real<int(snd_pcm_t*)>("snd_pcm_close");
-    quiltest::faults::pcmClosed(pcm);
+    quiltest::faults::track(&quiltest::faults::State::pcms, pcm, false);
     const int result = realClose(pcm);   // an injected failure still releases the handle
     return fail ? static_cast<int>(armedResult) : result;
 }
@@ -79,9 +79,6 @@ QUIL_INTERPOSE(int, snd_pcm_recover, (snd_pcm_t* pcm, int err, int silent), (pcm
 QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_avail_update, (snd_pcm_t* pcm), (pcm))
 QUIL_INTERPOSE(int, snd_pcm_status, (snd_pcm_t* pcm, snd_pcm_status_t* status), (pcm, status))
 QUIL_INTERPOSE(void, snd_pcm_hw_params_free, (snd_pcm_hw_params_t* p), (p))
-QUIL_INTERPOSE(void, snd_pcm_status_get_htstamp,
-               (const snd_pcm_status_t* status, snd_htimestamp_t* time), (status, time))
-QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_status_get_delay, (const snd_pcm_status_t* status), (status))
 
 // Retry and back-off sleeps, so tests can check them exactly (and skip them).
 QUIL_INTERPOSE(int, usleep, (useconds_t us), (us))

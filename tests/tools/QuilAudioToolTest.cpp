@@ -3,7 +3,7 @@
 // "{trig}" and "{fifo}" in the arguments name the case's files.
 
 #include "SoundServer.h"
-#include "QtPrinters.h"
+#include "LogCapture.h"
 #include "TestEnvironment.h"
 
 #include <QDir>

@@ -4,7 +4,7 @@
 // use ends in one line. The files pass the tool's 256 KiB chunks. The summary's
 // peaks come from the typed level scans (byte-swapped, unsigned, 6 channels).
 
-#include "QtPrinters.h"
+#include "LogCapture.h"
 #include "TestEnvironment.h"
 
 #include <QDir>

@@ -1,0 +1,190 @@
+// Capture devices: AlsaInputDevice reading known data through the file plugin
+// (injected failures where real ALSA cannot fail on demand), and
+// FileInputDevice pacing its blocks to real time.
+
+#include "AlsaInputDevice.h"
+#include "FileInputDevice.h"
+
+#include "AlsaFaults.h"
+#include "LogCapture.h"
+#include "TestEnvironment.h"
+
+#include <QElapsedTimer>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+using namespace quiltest;
+namespace faults = quiltest::faults;
+
+namespace {
+
+constexpr snd_pcm_format_t S16 = SND_PCM_FORMAT_S16_LE;
+
+class CaptureDeviceTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        faults::reset();
+        faults::setHook<int(useconds_t)>("usleep", [this](useconds_t us) {
+            m_sleeps.append(us);
+            return 0;
+        });
+    }
+    void TearDown() override
+    {
+        faults::reset();
+        EXPECT_EQ(faults::openPcmHandles(), 0) << "a PCM handle leaked";
+        EXPECT_EQ(faults::calls("snd_pcm_hw_params_malloc"), faults::calls("snd_pcm_hw_params_free"));
+    }
+    static QString knownDataPcm(const QByteArray& bytes)
+    {
+        return "cap_file:INFILE=" + writeDataFile(QStringLiteral("capture.raw"), bytes);
+    }
+    QList<useconds_t> m_sleeps;
+    LogCapture m_log;
+};
+
+} // namespace
+
+TEST_F(CaptureDeviceTest, AlsaDeliversKnownDataBitExactAndAsksForPeriodAndBufferInMs)
+{
+    using Near = int(snd_pcm_t*, snd_pcm_hw_params_t*, snd_pcm_uframes_t*);
+    snd_pcm_uframes_t buffer = 0;
+    faults::setHook<Near>("snd_pcm_hw_params_set_buffer_size_near", [&](snd_pcm_t* pcm, snd_pcm_hw_params_t* p, snd_pcm_uframes_t* v) {
+        buffer = *v;
+        return faults::real<Near>("snd_pcm_hw_params_set_buffer_size_near")(pcm, p, v);
+    });
+    struct Case { snd_pcm_format_t format; int rate; unsigned channels; int bytesPerSample; };
+    for (const Case& c : {Case{S16, 48000, 2, 2}, Case{SND_PCM_FORMAT_S24_3LE, 44100, 1, 3}}) {
+        const int frameBytes = c.bytesPerSample * static_cast<int>(c.channels);
+        const QByteArray data = patternBytes(c.rate / 2 * frameBytes, c.rate);   // 500 ms
+        AlsaInputDevice device(knownDataPcm(data), c.rate, c.channels, c.format, 20, 100);
+        ASSERT_TRUE(device.open());
+        EXPECT_EQ(buffer, static_cast<snd_pcm_uframes_t>(c.rate / 10));
+        QByteArray captured, block;
+        while (captured.size() < data.size()) {
+            ASSERT_TRUE(device.read(&block, c.rate / 100));
+            ASSERT_EQ(block.size(), c.rate / 100 * frameBytes);
+            captured += block;
+        }
+        EXPECT_TRUE(captured == data);
+    }
+}
+
+// Every read error is answered by prepare and start and the read goes on;
+// a failing prepare closes the device, and the next open() starts afresh.
+TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
+{
+    const QByteArray data = patternBytes(480 * 4 * 8);
+    AlsaInputDevice device(knownDataPcm(data), 48000, 2, S16, 20, 100);
+    ASSERT_TRUE(device.open());
+    // Plugins call start on themselves and their slaves through the same
+    // symbols, so only the outermost calls (the library's) are recorded.
+    QStringList calls;
+    int depth = 0;
+    auto record = [&](const char* function, const char* label) {
+        return std::function<int(snd_pcm_t*)>([&, function, label](snd_pcm_t* pcm) {
+            if (depth++ == 0)
+                calls << label;
+            const int result = faults::real<int(snd_pcm_t*)>(function)(pcm);
+            --depth;
+            return result;
+        });
+    };
+    faults::setHook<int(snd_pcm_t*)>("snd_pcm_prepare", record("snd_pcm_prepare", "prepare"));
+    faults::setHook<int(snd_pcm_t*)>("snd_pcm_start", record("snd_pcm_start", "start"));
+    using ReadI = snd_pcm_sframes_t(snd_pcm_t*, void*, snd_pcm_uframes_t);
+    faults::setHook<ReadI>("snd_pcm_readi", [&](snd_pcm_t* pcm, void* buffer, snd_pcm_uframes_t frames) {
+        ++depth;
+        const snd_pcm_sframes_t result = faults::real<ReadI>("snd_pcm_readi")(pcm, buffer, frames);
+        --depth;
+        return result;
+    });
+    int offset = 0;
+    for (int code : {-EPIPE, -ESTRPIPE, -EBADFD, -EIO}) {
+        SCOPED_TRACE(code);
+        calls.clear();
+        faults::arm("snd_pcm_readi", code);
+        QByteArray block;
+        ASSERT_TRUE(device.read(&block, 480));
+        EXPECT_TRUE(block == data.mid(offset, 480 * 4));
+        offset += block.size();
+        EXPECT_EQ(calls, (QStringList{"prepare", "start"}));
+    }
+    EXPECT_EQ(m_log.messages(log4cplus::ERROR_LOG_LEVEL).value(0),
+              "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: " + alsaText(-EPIPE) + ") (-32)");
+    faults::arm("snd_pcm_readi", 0, 2);   // empty reads back off a quarter block times channels
+    QByteArray block;
+    m_sleeps.clear();
+    ASSERT_TRUE(device.read(&block, 960));
+    EXPECT_EQ(m_sleeps, (QList<useconds_t>{10000, 10000}));
+    faults::arm("snd_pcm_readi", -EPIPE);
+    faults::arm("snd_pcm_prepare", -ENODEV);
+    EXPECT_FALSE(device.read(&block, 256));
+    EXPECT_FALSE(device.isOpened());
+    EXPECT_EQ(faults::openPcmHandles(), 0);
+    EXPECT_TRUE(device.open());
+}
+
+TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepAndReleasesAll)
+{
+    const QString pcm = knownDataPcm(patternBytes(4096));
+    for (const char* step : {"snd_pcm_hw_params_malloc", "snd_pcm_hw_params_any", "snd_pcm_hw_params_set_access",
+                             "snd_pcm_hw_params_set_format", "snd_pcm_hw_params_set_channels",
+                             "snd_pcm_hw_params_get_channels", "snd_pcm_hw_params_set_rate",
+                             "snd_pcm_hw_params_set_period_size_near", "snd_pcm_hw_params_set_buffer_size_near",
+                             "snd_pcm_hw_params"}) {
+        SCOPED_TRACE(step);
+        m_log.clear();
+        faults::arm(step, -EINVAL);
+        AlsaInputDevice device(pcm, 48000, 2, S16, 20, 100);
+        EXPECT_FALSE(device.open());
+        EXPECT_EQ(faults::openPcmHandles(), 0);
+        EXPECT_EQ(m_log.messages(log4cplus::ERROR_LOG_LEVEL).size(), 1);
+        SetUp();
+    }
+    // Parameters the PCM cannot honour; a negative rate must not reach ALSA
+    // as some four billion Hz, which plugins such as null accept.
+    struct Bad { QString name; int rate; unsigned channels; };
+    for (const Bad& b : {Bad{"mono_only", 48000, 2}, Bad{"null", -48000, 2}, Bad{"null", 0, 2}, Bad{pcm, 48000, 0}}) {
+        AlsaInputDevice device(b.name, b.rate, b.channels, S16, 20, 100);
+        EXPECT_FALSE(device.open());
+        QByteArray block("untouched");
+        EXPECT_FALSE(device.read(&block, 64));
+        EXPECT_EQ(block, QByteArray("untouched"));
+    }
+    AlsaInputDevice missing("no_such_pcm", 48000, 2, S16, 20, 100);
+    EXPECT_FALSE(missing.open());
+    EXPECT_EQ(m_sleeps.size(), 4);   // four tries a quarter second apart
+    EXPECT_EQ(m_log.messages(log4cplus::ERROR_LOG_LEVEL).last(),
+              "Cannot open capture device 'no_such_pcm': " + alsaText(-ENOENT));
+}
+
+TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosWithoutAFile)
+{
+    faults::reset();   // real sleeps
+    FileInputDevice device(48000, 2, S16);
+    ASSERT_TRUE(device.open());
+    QElapsedTimer timer;
+    timer.start();
+    QByteArray block;
+    for (int i = 0; i < 50; ++i)
+        ASSERT_TRUE(device.read(&block, 960));   // 20 ms each
+    EXPECT_GE(timer.elapsed(), 1000);
+    EXPECT_LE(timer.elapsed(), 1400);
+    EXPECT_EQ(block, QByteArray(3840, '\0'));
+
+    const QByteArray data = patternBytes(4000);
+    ASSERT_TRUE(device.playFile(writeDataFile(QStringLiteral("file-input.raw"), data)));
+    QByteArray captured;
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(device.read(&block, 480));
+        captured += block;
+    }
+    EXPECT_TRUE(captured == data + QByteArray(3 * 1920 - 4000, '\0'));   // then zeros after its end
+    EXPECT_FALSE(device.playFile(dataDirectory() + "/no-such.raw"));
+    EXPECT_FALSE(FileInputDevice(0, 2, S16).read(&block, 480));
+}
