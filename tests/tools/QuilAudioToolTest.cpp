@@ -1,6 +1,7 @@
 // End-to-end runs of the quil-audio tool. Every case is one command line with
 // the exit status, the output and the stderr it must give; "{out}", "{in}",
-// "{trig}" and "{fifo}" in the arguments name the case's files.
+// "{trig}", "{fifo}", "{lv}", "{big}" and "{dir}" in the arguments name the
+// case's files. Files in other containers are read back through sox.
 
 #include "SoundServer.h"
 #include "LogCapture.h"
@@ -8,6 +9,9 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QtEndian>
 
@@ -32,7 +36,7 @@ struct Case
     QString name;
     QStringList args;
     int status;
-    /// A failure gives exactly one stderr line, containing this.
+    /// stderr's last line contains this; a failure gives exactly one line.
     QString errorLine;
     /// Exactly what {out}, or stdout when there is no {out}, must hold.
     QByteArray output;
@@ -42,7 +46,8 @@ struct Case
     /// A line the test mixer's FIFO holds before the tool starts.
     QByteArray fifoLine;
     int interruptAfterMs = -1;
-    std::function<void(const QByteArray& output)> check;
+    /// Called with {out}'s path and the output.
+    std::function<void(const QString& out, const QByteArray& output)> check;
 };
 
 struct Result
@@ -52,10 +57,10 @@ struct Result
     QStringList errLines;
 };
 
-Result runTool(const QStringList& args, const QByteArray& input, int interruptAfterMs)
+Result run(const QString& program, const QStringList& args, const QByteArray& input = {}, int interruptAfterMs = -1)
 {
     QProcess tool;
-    tool.start(QStringLiteral(QUIL_AUDIO_TOOL), args);
+    tool.start(program, args);
     Result result;
     if (!tool.waitForStarted(5000))
         return result;
@@ -63,7 +68,7 @@ Result runTool(const QStringList& args, const QByteArray& input, int interruptAf
     tool.closeWriteChannel();
     if (interruptAfterMs >= 0 && !tool.waitForFinished(interruptAfterMs))
         ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
-    if (!tool.waitForFinished(15000)) {
+    if (!tool.waitForFinished(30000)) {
         tool.kill();
         tool.waitForFinished(2000);
         return result;
@@ -72,6 +77,20 @@ Result runTool(const QStringList& args, const QByteArray& input, int interruptAf
     result.out = tool.readAllStandardOutput();
     result.errLines = QString::fromLocal8Bit(tool.readAllStandardError()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     return result;
+}
+
+/// Checks {out}EXT as sox reads it: rate, channels, bits and frames, and the samples.
+std::function<void(const QString&, const QByteArray&)> soxReads(const QString& ext, const QString& header,
+                                                                const QByteArray& samples = {})
+{
+    return [=](const QString& out, const QByteArray&) {
+        QStringList values;
+        for (const char* flag : {"-r", "-c", "-b", "-s"})
+            values << QString::fromLatin1(run("soxi", {flag, out + ext}).out).trimmed();
+        EXPECT_EQ(values.join(QLatin1Char(' ')), header);
+        if (!samples.isEmpty())
+            EXPECT_TRUE(run("sox", {out + ext, "-t", "raw", "-"}).out == samples);
+    };
 }
 
 /// Largest magnitude of S16_LE samples.
@@ -93,18 +112,18 @@ protected:
 
     void runCases(const QList<Case>& cases)
     {
-        const QString dir = quiltest::dataDirectory() + QStringLiteral("/tool");
-        QDir().mkpath(dir);
+        QDir().mkpath(m_dir);
         for (const Case& c : cases) {
             SCOPED_TRACE(c.name.toStdString());
-            const QString out = dir + QLatin1Char('/') + c.name + QStringLiteral(".raw");
-            const QString fifo = dir + QStringLiteral("/mixer.fifo");
+            const QString out = m_dir + QLatin1Char('/') + c.name + QStringLiteral(".raw");
+            const QString fifo = m_dir + QStringLiteral("/mixer.fifo");
             QFile::remove(out);
             QStringList args;
             for (QString arg : c.args)
                 args << arg.replace(QLatin1String("{out}"), out).replace(QLatin1String("{in}"), m_in)
                             .replace(QLatin1String("{trig}"), m_trig).replace(QLatin1String("{fifo}"), fifo)
-                            .replace(QLatin1String("{snd}"), quiltest::soundDevice());
+                            .replace(QLatin1String("{snd}"), quiltest::soundDevice()).replace(QLatin1String("{lv}"), m_levels)
+                            .replace(QLatin1String("{big}"), m_big).replace(QLatin1String("{dir}"), m_dir);
             // The test mixer reads its FIFO only when the tool handles mixer
             // events; holding it open keeps the line there until then.
             int fifoFd = -1;
@@ -113,14 +132,15 @@ protected:
                 fifoFd = ::open(QFile::encodeName(fifo).constData(), O_RDWR | O_NONBLOCK);
                 ASSERT_EQ(::write(fifoFd, c.fifoLine.constData(), c.fifoLine.size()), c.fifoLine.size());
             }
-            const Result r = runTool(args, c.input, c.interruptAfterMs);
+            const Result r = run(QStringLiteral(QUIL_AUDIO_TOOL), args, c.input, c.interruptAfterMs);
             if (fifoFd >= 0)
                 ::close(fifoFd);
 
             EXPECT_EQ(r.status, c.status) << r.errLines.join(QLatin1Char('\n')).toStdString();
             if (!c.errorLine.isEmpty()) {
-                EXPECT_EQ(r.errLines.size(), 1) << r.errLines.join(QLatin1Char('\n')).toStdString();
-                EXPECT_TRUE(r.errLines.value(0).contains(c.errorLine)) << r.errLines.value(0).toStdString();
+                if (c.status != 0)
+                    EXPECT_EQ(r.errLines.size(), 1) << r.errLines.join(QLatin1Char('\n')).toStdString();
+                EXPECT_TRUE(r.errLines.value(r.errLines.size() - 1).contains(c.errorLine)) << r.errLines.join('\n').toStdString();
             }
             const QByteArray output = c.args.join(QLatin1Char(' ')).contains(QLatin1String("{out}")) ? fileContent(out) : r.out;
             if (!c.output.isEmpty()) {
@@ -130,7 +150,7 @@ protected:
             if (!c.stdoutHas.isEmpty())
                 EXPECT_TRUE(r.out.contains(c.stdoutHas.toUtf8())) << r.out.toStdString();
             if (c.check)
-                c.check(output);
+                c.check(out, output);
         }
     }
 
@@ -139,6 +159,12 @@ protected:
     const QByteArray m_silenceThenPattern = QByteArray(100 * BytesPerMs, '\0') + m_pattern;
     const QString m_in = quiltest::writeDataFile(QStringLiteral("tool_in.raw"), m_pattern);
     const QString m_trig = quiltest::writeDataFile(QStringLiteral("tool_trig.raw"), m_silenceThenPattern);
+    // Samples 0x4000 and -0x2000 as S16_LE; read as other formats, other levels.
+    const QString m_levels = quiltest::writeDataFile("tool_levels.raw", QByteArray::fromHex("004000e0").repeated(12000));
+    // Past the first 8 MiB window that play maps of a raw file.
+    const QByteArray m_bigIn = patternBytes(8 * 1024 * 1024 + 100000, 4);
+    const QString m_big = quiltest::writeDataFile(QStringLiteral("tool_big.raw"), m_bigIn);
+    const QString m_dir = quiltest::dataDirectory() + QStringLiteral("/tool");
 };
 
 TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
@@ -161,7 +187,7 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
         {"record_preroll_start", {"record", "--input-file", "{in}", "--pre-roll-ms", "50", "-d", "0.15", "{out}"}, 0, {},
          silence50ms + in.left(100 * BytesPerMs)},
         {"record_interrupted", {"record", "--input-file", "{in}", "{out}"}, 0, {}, {}, {}, {}, {}, 300,
-         [&](const QByteArray& output) {
+         [&](const QString&, const QByteArray& output) {
              EXPECT_GT(output.size(), 0);
              EXPECT_EQ(output.size() % FrameBytes, 0);
              EXPECT_TRUE(output == (in + QByteArray(output.size(), '\0')).left(output.size()));
@@ -171,7 +197,7 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
         {"play_pcm", {"play", "-D", "file:FILE={out},FORMAT=raw", "{in}"}, 0, {}, in},
         {"play_stdin_to_file", {"play", "-o", "{out}", "-"}, 0, {}, in, {}, in},
         {"play_tone", {"play", "--tone", "1000", "-d", "0.01", "-o", "{out}"}, 0, {}, {}, {}, {}, {}, -1,
-         [](const QByteArray& output) {
+         [](const QString&, const QByteArray& output) {
              EXPECT_EQ(output.size(), 480 * FrameBytes);
              EXPECT_NEAR(peakS16(output), 16384, 2); // -6 dBFS
          }},
@@ -206,6 +232,56 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
          "--ring-ms 5 holds less than one period (125 ms)"},
         {"unknown_option", {"play", "--bogus"}, 2, "Unknown option 'bogus'"},
         {"unknown_command", {"frobnicate"}, 2, "unknown command 'frobnicate'"},
+    });
+}
+
+TEST_F(QuilAudioTool, SpeaksAudioFilesAndListsDevices)
+{
+    ASSERT_TRUE(QDir().mkpath(m_dir));
+    const QByteArray in = patternBytes(2 * 48000 * 4, 3);   // 2 s: past the tool's 256 KiB chunks
+    const QString two = quiltest::writeDataFile(QStringLiteral("tool_two.raw"), in);
+    const QString made = m_dir + QStringLiteral("/made.wav");
+    ASSERT_EQ(run("sox", {"-t", "raw", "-r", "22050", "-c", "1", "-e", "signed", "-b", "16", two, made}).status, 0);
+    QByteArray lying = fileContent(made);
+    lying[22] = lying[23] = '\0';   // the channel count
+    quiltest::writeDataFile(QStringLiteral("tool/lying.wav"), lying);
+    const QStringList capture{"record", "-D", "cap_file:INFILE=" + two};
+    const auto json = [](const QString&, const QByteArray& output) {
+        const QJsonObject all = QJsonDocument::fromJson(output).object();
+        EXPECT_EQ(all["mixers"].toArray().at(0)["mixerElements"].toInt(), 7);
+        QMap<QString, QByteArray> pcms;
+        for (const QJsonValue& pcm : all["pcms"].toArray())
+            pcms[pcm["name"].toString()] = QJsonDocument(pcm.toObject()).toJson(QJsonDocument::Compact);
+        EXPECT_EQ(pcms["only44k_plug"].toStdString(),
+                  R"({"capture":false,"description":"Playback at 44100 Hz only","name":"only44k_plug","playback":true})");
+    };
+    runCases({
+        {"record_wav", capture + QStringList{"-d", "2", "{out}.wav"}, 0, {}, {}, {}, {}, {}, -1,
+         soxReads(".wav", "48000 2 16 96000", in)},
+        {"record_flac_24bit_mono", capture + QStringList{"-r", "44100", "-c", "1", "-f", "S24_3LE", "-d", "1", "{out}.flac"},
+         0, {}, {}, {}, {}, {}, -1, soxReads(".flac", "44100 1 24 44100", in.left(44100 * 3))},
+        {"record_ogg", capture + QStringList{"-d", "1", "{out}.ogg"}, 0, {}, {}, {}, {}, {}, -1, soxReads(".ogg", "48000 2 0 48000")},
+        {"record_raw_chunks", capture + QStringList{"-d", "2", "{out}"}, 0, {}, in},
+        {"play_wav", {"play", "-D", "file:FILE={out}.wav,FORMAT=wav", "{dir}/made.wav"}, 0, {}, {}, {}, {}, {}, -1,
+         soxReads(".wav", "22050 1 16 192000", in)},
+        // A period straddles the end of the first mapped window.
+        {"play_raw_across_windows", {"play", "-D", "file:FILE={out},FORMAT=raw", "{big}"}, 0, {}, m_bigIn},
+        {"unknown_extension", capture + QStringList{"-d", "1", "{out}.xyz"}, 1, "unknown file type '.xyz'"},
+        {"header_contradicted", {"play", "-D", "null", "-r", "44100", "{dir}/made.wav"}, 1, "holds 22050 Hz, not 44100"},
+        {"header_lies", {"play", "-D", "null", "{dir}/lying.wav"}, 1, "Channel count is zero"},
+        // The summary's peaks come from the typed level scans.
+        {"peaks_s16", {"record", "-D", "cap_file:INFILE={lv}", "-d", "0.1", "{out}"}, 0, "peak -6.0 / -12.0 dBFS"},
+        {"peaks_s16_be", {"record", "-D", "cap_file:INFILE={lv}", "-f", "S16_BE", "-d", "0.1", "{out}"}, 0,
+         "peak -54.2 / -43.3 dBFS"},
+        {"peaks_u8_6ch", {"record", "-D", "cap_file:INFILE={lv}", "-f", "U8", "-c", "6", "-d", "0.1", "{out}"}, 0,
+         "peak 0.0 / -2.5 / 0.0 / -2.5 / 0.0 / -2.5 dBFS"},
+        // devices: the test configuration's PCM hints and its scripted mixer
+        {"devices", {"devices", "--mixer", "testmix:EXTRA=3"}, 0, {}, {},
+         "  only44k_plug  playback           Playback at 44100 Hz only\n"},
+        {"devices_mixer_count", {"devices", "--mixer", "testmix:EXTRA=3"}, 0, {}, {}, "  testmix:EXTRA=3: 10 mixer elements\n"},
+        {"devices_json", {"devices", "--json", "-m", "testmix"}, 0, {}, {}, {}, {}, {}, -1, json},
+        {"devices_bad_mixer", {"devices", "--mixer", "nosuch"}, 1, "quil-audio devices: cannot open mixer 'nosuch'"},
+        {"devices_stray", {"devices", "stray"}, 2, "quil-audio devices: takes no arguments, not 'stray'"},
     });
 }
 
