@@ -11,7 +11,7 @@
 ///
 /// open(), read() and close() are called by one thread; the format accessors
 /// return values fixed at construction and may be called from any thread.
-class QUIL_AUDIO_EXPORT AudioInputDevice
+class QUIL_AUDIO_EXPORT AudioInputDevice : public quil::ErrorReporting
 {
 public:
     virtual ~AudioInputDevice();
@@ -34,21 +34,4 @@ public:
     virtual int channelCount() const = 0;
     /// Human-readable name for log messages.
     virtual QString name() const = 0;
-
-    /// Why the last failed operation failed: the text of the ERROR line the
-    /// library logged for it (the last one, when it logged several). Empty
-    /// until a failure, and again once open() or read() succeeds. Safe from
-    /// any thread.
-    QString errorString() const;
-    /// The ALSA or system error code of that failure (a negative errno
-    /// value), or 0 when it had none or there was no failure.
-    int errorCode() const;
-
-protected:
-    /// Where a device records its failures. The library's devices keep it
-    /// up to date; a device of one's own may use it too.
-    quil::LastError& lastError() const { return m_lastError; }
-
-private:
-    mutable quil::LastError m_lastError;
 };

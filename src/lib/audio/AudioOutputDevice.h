@@ -14,7 +14,7 @@
 /// sampleRate() and channelCount() return int, as on AudioInputDevice, so that
 /// both device families read alike; every rate and channel count a device
 /// can run at fits.
-class QUIL_AUDIO_EXPORT AudioOutputDevice
+class QUIL_AUDIO_EXPORT AudioOutputDevice : public quil::ErrorReporting
 {
 public:
     /// How close() treats audio that is still queued.
@@ -51,21 +51,4 @@ public:
     virtual int channelCount() const = 0;
     /// Human-readable name for log messages.
     virtual QString name() const = 0;
-
-    /// Why the last failed operation failed: the text of the ERROR line the
-    /// library logged for it (the last one, when it logged several). Empty
-    /// until a failure, and again once open() or write() succeeds. Safe from
-    /// any thread.
-    QString errorString() const;
-    /// The ALSA or system error code of that failure (a negative errno
-    /// value), or 0 when it had none or there was no failure.
-    int errorCode() const;
-
-protected:
-    /// Where a device records its failures. The library's devices keep it
-    /// up to date; a device of one's own may use it too.
-    quil::LastError& lastError() const { return m_lastError; }
-
-private:
-    mutable quil::LastError m_lastError;
 };

@@ -64,4 +64,28 @@ private:
     std::atomic<bool> m_set{false};
 };
 
+/// Gives a device base class errorString() and errorCode() over its own
+/// LastError; inline, so the exported device classes gain no symbols from it.
+class ErrorReporting
+{
+public:
+    /// Why the last failed operation failed: the text of the ERROR line the
+    /// library logged for it (the last one, when it logged several). Empty
+    /// until a failure, and again once the device's open() or next transfer
+    /// succeeds. Safe from any thread.
+    QString errorString() const { return m_lastError.text(); }
+    /// The ALSA or system error code of that failure (a negative errno
+    /// value), or 0 when it had none or there was no failure.
+    int errorCode() const { return m_lastError.code(); }
+
+protected:
+    ~ErrorReporting() = default;
+    /// Where a device records its failures. The library's devices keep it
+    /// up to date; a device of one's own may use it too.
+    LastError& lastError() const { return m_lastError; }
+
+private:
+    mutable LastError m_lastError;
+};
+
 } // namespace quil
