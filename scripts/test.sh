@@ -2,7 +2,8 @@
 # Builds libquil_audio and runs its whole test suite three times: a plain
 # build, the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
 # (leak detection on; the Debian packages are built by the plain run only),
-# and the threaded suites under ThreadSanitizer. Any
+# and the threaded suites under ThreadSanitizer. Last, the whole suite cross-built
+# for armhf runs under qemu-user (scripts/cross-test.sh). Any
 # failure or sanitizer report fails the run.
 # On a fresh Debian 12 machine run as root, it first installs the Debian
 # packages it needs.
@@ -40,3 +41,8 @@ LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0 \
 # followed. The library annotates its own hand-overs (Synchronization_p.h).
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1:suppressions=$PWD/tests/sanitizers/tsan.supp \
     run_suite tsan "-L threaded" -DQUIL_AUDIO_SANITIZE=thread
+
+# Most devices are 32-bit ARM boards, where long, size_t and ALSA's frame
+# counts have 32 bits: the whole suite once more, cross-built for armhf and
+# run under qemu-user (scripts/cross-test.sh, docs/platforms.md).
+scripts/cross-test.sh armhf

@@ -9,6 +9,10 @@ QUIL_TEST_PACKAGES=(libgtest-dev libbenchmark-dev sox)
 # Debian packages of the build: CPack's DEB generator needs dpkg-shlibdeps
 # (dpkg-dev) and file; lintian checks the result, man reads the manual page.
 QUIL_PACKAGING_PACKAGES=(dpkg-dev file lintian man-db)
+# Cross builds (scripts/cross-test.sh), besides crossbuild-essential-ARCH: the
+# emulator the target's tests run in. The target's own libraries go to a
+# sysroot, downloaded from Debian's archive with its keyring.
+QUIL_CROSS_PACKAGES=(qemu-user-static debian-archive-keyring)
 # A private sound server in place of a sound card, and ALSA's PCM and mixer for it.
 QUIL_SOUND_SERVER_PACKAGES=(alsa-utils libasound2-plugins pulseaudio pulseaudio-utils)
 # The same on PipeWire. Its ALSA plugins (pipewire-alsa) conflict with

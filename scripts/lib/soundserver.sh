@@ -88,9 +88,11 @@ sound_server_set_defaults() {
 # unpack_pipewire_alsa DEST CONF SOCKET: ALSA's pipewire PCM and ctl plugins.
 # Their package conflicts with pulseaudio, so its files are unpacked into DEST
 # (once, under a lock) and CONF names them, reaching the server at SOCKET.
+# A cross build's tests load the target's, which QUIL_PIPEWIRE_ALSA_DIR and
+# QUIL_PIPEWIRE_ALSA_MULTIARCH name (scripts/lib/sysroot.sh unpacked them).
 unpack_pipewire_alsa() {
     local dest=$1 conf=$2 socket=$3 libdir
-    libdir=usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch)/alsa-lib
+    libdir=usr/lib/${QUIL_PIPEWIRE_ALSA_MULTIARCH:-$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch)}/alsa-lib
     mkdir -p "$dest"
     (
         flock 9

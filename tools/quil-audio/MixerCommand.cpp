@@ -46,7 +46,8 @@ QString describeSide(AlsaMixerElement& element, AlsaElementMode mode)
     QStringList parts;
     long min = 0, max = 0, value = 0;
     if (volumeRange(element, mode, &min, &max) && element.getVolume(&value, mode)) {
-        const long percent = max > min ? std::lround(100.0 * (value - min) / (max - min)) : 0;
+        // In double: where long has 32 bits, max - min of a full-range control overflows.
+        const long percent = max > min ? std::lround(100.0 * (double(value) - min) / (double(max) - min)) : 0;
         QString volume = QStringLiteral("volume %1 [%2..%3] %4%").arg(value).arg(min).arg(max).arg(percent);
         double dB = 0;
         if (element.hasDB(mode) && element.getDB(&dB, mode))
@@ -271,11 +272,12 @@ int MixerCommand::setVolume(AlsaMixerElement& element, const QString& value)
     const double number = (percent ? value.chopped(1) : value).toDouble(&ok);
     if (!ok || (!percent && number != std::floor(number)))
         return fail(Command, QStringLiteral("--volume takes a whole number or a percentage, not '%1'").arg(value), ExitUsage);
-    const long raw = percent ? min + std::lround(number * (max - min) / 100.0) : static_cast<long>(number);
-    if (raw < min || raw > max || (percent && (number < 0 || number > 100)))
+    // In double, then converted once in range: long may have 32 bits.
+    const double target = percent ? min + std::round(number * (double(max) - min) / 100.0) : number;
+    if (!(target >= min && target <= max) || (percent && (number < 0 || number > 100)))
         return fail(Command, QStringLiteral("volume %1 is out of range %2..%3 for '%4'").arg(value).arg(min).arg(max).arg(element.name()),
                     ExitFailed);
-    if (!element.setVolume(raw, mode))
+    if (!element.setVolume(static_cast<long>(target), mode))
         return fail(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()) + because(element.errorString()), ExitFailed);
     return ExitOk;
 }

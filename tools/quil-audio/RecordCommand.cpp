@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 #include <unistd.h>
 
 namespace quilaudio {
@@ -177,8 +179,10 @@ int RecordCommand::openSink()
 
 int RecordCommand::captureUntilDone()
 {
-    const unsigned int readFrames = std::max(1u, m_stream.rate * static_cast<unsigned int>(m_periodMs) / 1000u);
-    m_provider = new AudioInputDataProvider(m_device.get(), static_cast<unsigned int>(m_ringMs), readFrames);
+    // 64-bit: a high rate times a long period passes 2^32.
+    const uint64_t periodFrames = uint64_t(m_stream.rate) * uint64_t(std::max(m_periodMs, 0)) / 1000u;
+    m_provider = new AudioInputDataProvider(m_device.get(), static_cast<unsigned int>(m_ringMs),
+        std::clamp<uint64_t>(periodFrames, 1u, std::numeric_limits<unsigned int>::max()));
     m_provider->setMuteState(m_startMuted);
     CMUnbufferedDataTransfer live = m_provider->liveFeed();
     live.onDataAvailable([this](const QByteArray& block) { onLiveBlock(block); });

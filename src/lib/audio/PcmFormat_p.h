@@ -42,9 +42,20 @@ inline int setWholeByteFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, snd_p
 // Frames in ms milliseconds at sampleRate: rate × ms / 1000, truncated toward
 // zero. Callers keep the product below 2^31; computing it in 64 bits gives the
 // same frames there and keeps a caller who does not from signed overflow.
+// Beyond that range the count saturates at the largest frame count: where
+// snd_pcm_uframes_t has 32 bits (armhf), a plain conversion would wrap a long
+// time around to a short one. A negative result converts as a signed value
+// does, to a count near the top of the range on every architecture.
 inline snd_pcm_uframes_t framesForMs(int64_t sampleRate, int ms)
 {
-    return static_cast<snd_pcm_uframes_t>(sampleRate * ms / 1000);
+    constexpr snd_pcm_uframes_t maxFrames = std::numeric_limits<snd_pcm_uframes_t>::max();
+    int64_t product = 0;
+    if (__builtin_mul_overflow(sampleRate, static_cast<int64_t>(ms), &product))
+        return (sampleRate < 0) == (ms < 0) ? maxFrames : static_cast<snd_pcm_uframes_t>(-1);
+    const int64_t frames = product / 1000;
+    if (frames >= 0 && static_cast<uint64_t>(frames) > maxFrames)
+        return maxFrames;
+    return static_cast<snd_pcm_uframes_t>(frames);
 }
 
 // a × b, saturated to the 64-bit range instead of overflowing.

@@ -3,6 +3,9 @@
 #include "AlsaMixerHandle.h"
 #include "AudioLog_p.h"
 
+#include <cmath>
+#include <limits>
+
 QUIL_AUDIO_DEFINE_LOGGER();
 
 namespace {
@@ -85,7 +88,13 @@ bool AlsaMixerElement::setDB(double dB, AlsaElementMode mode)
     QUIL_TRACE_ENTRY(<< m_name << " setDB " << dB);
     if (!isUsableLogged())
         return false;
-    const long value = static_cast<long>(dB * 100.0);   // truncated toward zero
+    // Truncated toward zero. Beyond long's range (±21 million dB where long has
+    // 32 bits) the conversion is undefined: such a gain asks for an end of the range.
+    const double hundredths = dB * 100.0;
+    const long value = hundredths >= double(std::numeric_limits<long>::max()) ? std::numeric_limits<long>::max()
+        : hundredths <= double(std::numeric_limits<long>::min())              ? std::numeric_limits<long>::min()
+        : std::isnan(hundredths)                                              ? 0
+                                                                              : static_cast<long>(hundredths);
     const int result = side(mode, snd_mixer_selem_set_playback_dB_all,
                             snd_mixer_selem_set_capture_dB_all)(m_elem, value, -1);
     return !QUIL_ELEMENT_CALL_FAILED(result, "Set dB on: " << m_name << " to: " << dB);
