@@ -41,5 +41,7 @@ echo "== built for $arch in $((SECONDS - start)) s"
 file -L "$build/src/lib/libquil_audio.so" "$build/tools/quil-audio"
 
 start=$SECONDS
-(cd "$build" && ctest --output-on-failure)
+# deb_package_test (label package) builds and checks the build machine's own
+# Debian packages, natively: the native run covers it.
+(cd "$build" && ctest --output-on-failure -LE package)
 echo "== $arch suite under qemu-user: $((SECONDS - start)) s"
