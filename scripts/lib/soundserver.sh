@@ -65,7 +65,8 @@ default_access.properties["enable-flatpak-portal"] = false
 EOF_WP
     unpack_pipewire_alsa "${QUIL_PIPEWIRE_ALSA_DIR:-$dir/pipewire-alsa}" "$dir/alsa.conf" "$dir/run/pipewire-0" || return 1
     export PULSE_SERVER=unix:$dir/run/pulse/native PIPEWIRE_REMOTE=$dir/run/pipewire-0
-    unset PIPEWIRE_RUNTIME_DIR
+    # A cross build's tests name the target's modules, which are not the server's.
+    unset PIPEWIRE_RUNTIME_DIR PIPEWIRE_MODULE_DIR
     rm -rf "$dir/run/pipewire-0" "$dir/run/pipewire-0.lock" "$dir/run/pulse"
     : >"$dir/server.stderr"
     for program in pipewire wireplumber pipewire-pulse; do

@@ -6,6 +6,7 @@
 #include "AudioInputDataProvider.h"
 #include "LogCapture.h"
 #include "SoundServer.h"
+#include "TestEnvironment.h"
 
 #include <QCoreApplication>
 #include <QEvent>
@@ -23,7 +24,7 @@ namespace {
 
 bool waitFor(const std::function<bool()>& done, int timeoutMs)
 {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(quiltest::scaledMs(timeoutMs));
     while (!done() && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     return done();

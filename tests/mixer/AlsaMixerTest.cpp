@@ -34,7 +34,7 @@ bool runEventLoopUntil(const std::function<bool()>& done, int timeoutMs = 3000)
 {
     QElapsedTimer clock;
     clock.start();
-    while (!done() && clock.elapsed() < timeoutMs)
+    while (!done() && clock.elapsed() < quiltest::scaledMs(timeoutMs))
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 10);
     return done();
 }

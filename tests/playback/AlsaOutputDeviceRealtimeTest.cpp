@@ -6,6 +6,7 @@
 
 #include "AlsaFaults.h"
 #include "SoundServer.h"
+#include "TestEnvironment.h"
 
 #include <QElapsedTimer>
 #include <QThread>
@@ -39,7 +40,7 @@ TEST(AlsaOutputDeviceRealtimeTest, DrainWaitsForTheQueueAndAnXrunIsRecoveredInPl
         timer.start();
         device.close(mode);
         EXPECT_GE(timer.elapsed(), mode == Out::Drain ? queuedMs - 60 : 0);
-        EXPECT_LT(timer.elapsed(), mode == Out::Drain ? queuedMs + 300 : 100);
+        EXPECT_LT(timer.elapsed(), mode == Out::Drain ? queuedMs + quiltest::scaledMs(300) : quiltest::scaledMs(100));
     }
     AlsaOutputDevice device(quiltest::soundDevice(), 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
     ASSERT_TRUE(device.open());

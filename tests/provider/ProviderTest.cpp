@@ -171,7 +171,7 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
     timer.start();
     ASSERT_TRUE(waitUntil([&] { return device.reads == 2; }, 4000));
     EXPECT_GE(timer.elapsed(), 1880);   // a coarse timer may fire up to 5 % early
-    EXPECT_LE(timer.elapsed(), 2300);
+    EXPECT_LE(timer.elapsed(), 2000 + quiltest::scaledMs(300));
     device.failOpen = true;
     ASSERT_TRUE(waitUntil([&] { return device.opens == 3; }, 4000));
     QThread::msleep(2300);

@@ -2,6 +2,7 @@
 
 #include "AudioInputDevice.h"
 #include "CMDataTransfer.h"
+#include "TestEnvironment.h"
 
 #include <QElapsedTimer>
 #include <QList>
@@ -136,7 +137,7 @@ inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 50
 {
     QElapsedTimer timer;
     timer.start();
-    while (!condition() && timer.elapsed() <= timeoutMs)
+    while (!condition() && timer.elapsed() <= quiltest::scaledMs(timeoutMs))
         QThread::msleep(1);
     return condition();
 }

@@ -40,7 +40,7 @@ protected:
     void TearDown() override
     {
         faults::reset();
-        EXPECT_LT(m_timer.elapsed(), 30000);
+        EXPECT_LT(m_timer.elapsed(), quiltest::scaledMs(30000));
         EXPECT_EQ(faults::openPcmHandles(), 0) << "a PCM handle leaked";
     }
     QElapsedTimer m_timer;

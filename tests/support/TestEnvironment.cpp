@@ -46,4 +46,10 @@ QString alsaText(int code)
     return QString::fromUtf8(snd_strerror(code));
 }
 
+int scaledMs(int ms)
+{
+    static const int scale = qMax(1, qEnvironmentVariableIntValue("QUIL_TEST_TIME_SCALE"));
+    return ms * scale;
+}
+
 } // namespace quiltest

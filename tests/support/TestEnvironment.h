@@ -21,4 +21,9 @@ QByteArray patternBytes(int size, int seed = 0);
 /// snd_strerror(code) as a QString, for building expected log lines.
 QString alsaText(int code);
 
+/// ms × QUIL_TEST_TIME_SCALE (set where the tests run under an emulator, which
+/// is several times slower): for waiting limits and the slack above a paced
+/// duration, never for the paced duration itself.
+int scaledMs(int ms);
+
 } // namespace quiltest
