@@ -130,6 +130,12 @@ sound_server_wait() {
 }
 
 # sound_server_signal DIR SIGNAL: to the processes a start in DIR left.
+# A server process that has exited but was not reaped (where PID 1 does not
+# reap orphans) still answers kill -0: count it as gone.
+sound_server_alive() {
+    [ -e "/proc/$1" ] && ! grep -qs '^State:[[:space:]]*Z' "/proc/$1/status"
+}
+
 sound_server_signal() {
     local dir=$1 signal=$2 pid
     [ -f "$dir/pids" ] || return 0
@@ -138,7 +144,7 @@ sound_server_signal() {
     done
     for pid in $(cat "$dir/pids"); do
         for ((tries = 100; tries > 0; tries--)); do
-            kill -0 "$pid" 2>/dev/null || break
+            sound_server_alive "$pid" || break
             sleep 0.05
         done
     done
