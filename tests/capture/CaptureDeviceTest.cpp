@@ -22,12 +22,12 @@ namespace {
 
 constexpr snd_pcm_format_t S16 = SND_PCM_FORMAT_S16_LE;
 
-class CaptureDeviceTest : public ::testing::Test
+class CaptureDeviceTest : public AlsaTest
 {
 protected:
     void SetUp() override
     {
-        faults::reset();
+        AlsaTest::SetUp();
         faults::setHook<int(useconds_t)>("usleep", [this](useconds_t us) {
             m_sleeps.append(us);
             return 0;
@@ -35,9 +35,8 @@ protected:
     }
     void TearDown() override
     {
-        faults::reset();
-        EXPECT_EQ(faults::openPcmHandles(), 0) << "a PCM handle leaked";
         EXPECT_EQ(faults::calls("snd_pcm_hw_params_malloc"), faults::calls("snd_pcm_hw_params_free"));
+        AlsaTest::TearDown();
     }
     static QString knownDataPcm(const QByteArray& bytes)
     {
@@ -114,7 +113,7 @@ TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
         offset += block.size();
         EXPECT_EQ(calls, (QStringList{"prepare", "start"}));
     }
-    EXPECT_EQ(m_log.messages(log4cplus::ERROR_LOG_LEVEL).value(0),
+    EXPECT_EQ(m_log.errors().value(0),
               "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: " + alsaText(-EPIPE) + ") (-32)");
     faults::arm("snd_pcm_readi", 0, 2);   // empty reads back off a quarter block times channels
     QByteArray block;
@@ -126,7 +125,9 @@ TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
     EXPECT_FALSE(device.read(&block, 256));
     EXPECT_FALSE(device.isOpened());
     EXPECT_EQ(faults::openPcmHandles(), 0);
+    EXPECT_EQ(device.errorCode(), -ENODEV);
     EXPECT_TRUE(device.open());
+    EXPECT_EQ(device.errorCode(), 0);
 }
 
 TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepAndReleasesAll)
@@ -143,7 +144,12 @@ TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepAndReleasesAll)
         AlsaInputDevice device(pcm, 48000, 2, S16, 20, 100);
         EXPECT_FALSE(device.open());
         EXPECT_EQ(faults::openPcmHandles(), 0);
-        EXPECT_EQ(m_log.messages(log4cplus::ERROR_LOG_LEVEL).size(), 1);
+        ASSERT_EQ(m_log.errors().size(), 1);
+        EXPECT_EQ(std::make_pair(device.errorString(), device.errorCode()), std::make_pair(m_log.errors().value(0), -EINVAL));
+        faults::reset();
+        EXPECT_TRUE(device.open());
+        EXPECT_EQ(device.errorString(), QString());
+        device.close();
         SetUp();
     }
     // Parameters the PCM cannot honour; a negative rate must not reach ALSA
@@ -159,7 +165,7 @@ TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepAndReleasesAll)
     AlsaInputDevice missing("no_such_pcm", 48000, 2, S16, 20, 100);
     EXPECT_FALSE(missing.open());
     EXPECT_EQ(m_sleeps.size(), 4);   // four tries a quarter second apart
-    EXPECT_EQ(m_log.messages(log4cplus::ERROR_LOG_LEVEL).last(),
+    EXPECT_EQ(m_log.errors().last(),
               "Cannot open capture device 'no_such_pcm': " + alsaText(-ENOENT));
 }
 
@@ -186,5 +192,6 @@ TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosWithoutAFile)
     }
     EXPECT_TRUE(captured == data + QByteArray(3 * 1920 - 4000, '\0'));   // then zeros after its end
     EXPECT_FALSE(device.playFile(dataDirectory() + "/no-such.raw"));
+    EXPECT_EQ(device.errorCode(), -ENOENT);
     EXPECT_FALSE(FileInputDevice(0, 2, S16).read(&block, 480));
 }

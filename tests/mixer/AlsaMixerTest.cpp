@@ -23,7 +23,6 @@
 #include <unistd.h>
 
 using namespace quiltest;
-using log4cplus::ERROR_LOG_LEVEL;
 
 namespace {
 
@@ -56,7 +55,7 @@ double cpuSecondsOverEventLoop()
 void expectRetired(AlsaMixerElement& e, const LogCapture& log)
 {
     const int mixerCalls = faults::callsStartingWith("snd_mixer_");
-    const int errors = log.messages(ERROR_LOG_LEVEL).size();
+    const int errors = log.errors().size();
     double dB = 1;
     long volume = 2, min = 3, max = 4;
     bool on = true;
@@ -70,18 +69,12 @@ void expectRetired(AlsaMixerElement& e, const LogCapture& log)
     EXPECT_EQ(std::count(std::begin(results), std::end(results), true), 0);
     EXPECT_TRUE(dB == 1 && volume == 2 && min == 3 && max == 4 && on && item == 5 && itemName == "kept");
     EXPECT_EQ(faults::callsStartingWith("snd_mixer_"), mixerCalls);
-    EXPECT_EQ(log.messages(ERROR_LOG_LEVEL).mid(errors), QVector<QString>(11, "Mixer element " + e.name() + " is no longer available").toList());
+    EXPECT_EQ(log.errors().mid(errors), QVector<QString>(11, "Mixer element " + e.name() + " is no longer available").toList());
 }
 
-class MixerTest : public ::testing::Test
+class MixerTest : public AlsaTest
 {
 protected:
-    void SetUp() override { faults::reset(); }
-    void TearDown() override
-    {
-        faults::reset();
-        EXPECT_EQ(faults::openMixerHandles(), 0) << "a mixer leaked";
-    }
     // One line to the test mixer: an external change or a fault.
     static void command(const QByteArray& line)
     {
@@ -123,57 +116,14 @@ TEST_F(MixerTest, HandleListsGuessesAndFindsElements)
         faults::arm(step, step == std::string("snd_mixer_poll_descriptors") ? 0 : -EIO);
         m_log.clear();
         EXPECT_FALSE(AlsaMixerHandle::openHandle("testmix")) << step;
-        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL).size(), 1) << step;
+        EXPECT_EQ(m_log.errors().size(), 1) << step;
         EXPECT_EQ(faults::openMixerHandles(), 0) << step;
     }
 }
 
-TEST_F(MixerTest, ElementControlsWorkOnBothSides)
-{
-    AlsaCard card("testmix", true);
-    auto master = card.loadMixerElement("master");
-    auto capture = card.loadMixerElement("capture");
-    auto source = card.loadMixerElement("input");
-    ASSERT_TRUE(master && capture && source);
-    EXPECT_TRUE(master->setDB(-10.555, Playback));   // hundredths of a dB, truncated
-    double dB = 0;
-    long volume = 0, min = -1, max = -1;
-    EXPECT_TRUE(master->getDB(&dB, Playback));
-    EXPECT_DOUBLE_EQ(dB, -11.0);   // the scale's next step below, 0.5 dB per step from -50 dB
-    EXPECT_TRUE(master->getVolume(&volume, Playback));
-    EXPECT_EQ(volume, 78);
-    EXPECT_TRUE(master->getVolumeRange(&min, &max, Playback));
-    EXPECT_EQ(max - min, 100);
-    EXPECT_TRUE(capture->setVolume(33, Capture) && capture->getVolume(&volume, Capture));
-    EXPECT_EQ(volume, 33);
-    EXPECT_TRUE(capture->setDB(-20, Capture) && capture->getDB(&dB, Capture));
-    EXPECT_DOUBLE_EQ(dB, -20.0);
-    EXPECT_TRUE(master->getVolume(&volume, Playback));
-    EXPECT_EQ(volume, 78);   // the other side kept its value
-    bool on = true;
-    EXPECT_TRUE(master->hasSwitch(Playback));
-    EXPECT_FALSE(master->hasSwitch(Capture));
-    for (bool wanted : {false, true}) {
-        EXPECT_TRUE(capture->setSwitch(wanted, Capture) && capture->getSwitch(&on, Capture));
-        EXPECT_EQ(on, wanted);
-    }
-    EXPECT_TRUE(source->isEnumerated());
-    ASSERT_EQ(source->getEnumSize(), 4u);
-    QStringList items;
-    for (unsigned int i = 0; i < 4; ++i) {
-        QString item;
-        EXPECT_TRUE(source->getEnumItemName(i, &item));
-        items << item;
-    }
-    EXPECT_EQ(items, (QStringList{"Mic", "Line", "CD", "Internal"}));
-    unsigned int selected = 0;
-    EXPECT_TRUE(source->setEnum(2) && source->getEnum(&selected));
-    EXPECT_EQ(selected, 2u);
-    EXPECT_TRUE(m_log.messages(ERROR_LOG_LEVEL).isEmpty());
-}
-
-// A failing control reports false, logs one line and leaves the caller's
-// outputs alone; the has/is queries answer false without a word.
+// A failing control reports false, logs one line, leaves the caller's
+// outputs alone and keeps its reason for the caller until the next success;
+// the has/is queries answer false without a word.
 TEST_F(MixerTest, EveryControlFailureFailsCleanly)
 {
     AlsaCard card("testmix", true);
@@ -202,24 +152,37 @@ TEST_F(MixerTest, EveryControlFailureFailsCleanly)
         {"snd_mixer_selem_is_enumerated", [&] { return !source->isEnumerated(); }, false, 0},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.function);
         faults::arm(c.function, c.result);
         m_log.clear();
-        EXPECT_TRUE(c.fails()) << c.function;
-        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL).size(), c.logs ? 1 : 0) << c.function;
+        EXPECT_TRUE(c.fails());
+        EXPECT_EQ(m_log.errors().size(), c.logs ? 1 : 0);
+        const AlsaMixerElementPtr& failed = master->errorCode() ? master : source;
+        if (c.logs)
+            EXPECT_EQ(std::make_pair(failed->errorString(), failed->errorCode()), std::make_pair(m_log.errors().value(0), -EIO));
         faults::reset();
+        long volume = 0;
+        unsigned int selected = 0;
+        EXPECT_TRUE(failed == master ? master->getVolume(&volume, Playback) : source->getEnum(&selected));
+        EXPECT_EQ(failed->errorCode(), 0);
     }
-    EXPECT_TRUE(master->getVolume(&value, Playback));   // the card still works
 }
 
 TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
 {
     AlsaCard card("testmix", false);
     EXPECT_FALSE(card.loadMixerElement("master"));
+    faults::arm("snd_mixer_load", -EIO);
+    EXPECT_FALSE(card.open());
+    EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair("Mixer testmix load error: " + alsaText(-EIO), -EIO));
+    faults::reset();
     ASSERT_TRUE(card.open());
+    EXPECT_EQ(card.errorCode(), 0);
     EXPECT_TRUE(card.open());
     EXPECT_EQ(faults::calls("snd_mixer_open"), 1);
     EXPECT_FALSE(card.loadMixerElement(""));
     EXPECT_FALSE(card.loadMixerElement("Speaker"));
+    EXPECT_EQ(card.errorString(), "Element 'Speaker' ('') not found");
     AlsaMixerElementPtr master = card.loadMixerElement("master");
     ASSERT_TRUE(master);
     EXPECT_EQ(master, card.loadMixerElement("MASTER"));
@@ -252,7 +215,7 @@ TEST_F(MixerTest, MixerClosesItselfOnPollErrorOrDeadBackend)
         m_log.clear();
         command(fault);
         ASSERT_TRUE(runEventLoopUntil([&] { return !card.isOpen(); }));
-        EXPECT_EQ(m_log.messages(ERROR_LOG_LEVEL).size(), 1);
+        EXPECT_EQ(m_log.errors().size(), 1);
         EXPECT_EQ(faults::openMixerHandles(), 0);
         EXPECT_EQ(spy.count(), 1) << "ALSA reports the element's removal when the mixer closes";
         faults::reset();

@@ -4,6 +4,8 @@
 // defines the ALSA functions itself (see the *Interposers.cpp files); each one
 // forwards to libasound unless a test armed a failure or installed a hook.
 
+#include <gtest/gtest.h>
+
 #include <any>
 #include <functional>
 #include <map>
@@ -70,6 +72,21 @@ Signature* real(const char* function)
 }
 
 } // namespace faults
+
+/// A test of code that calls ALSA: no armed failure or hook at its start, no
+/// PCM or mixer handle left open at its end.
+class AlsaTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { faults::reset(); }
+    void TearDown() override
+    {
+        faults::reset();
+        EXPECT_EQ(faults::openPcmHandles(), 0) << "a PCM handle leaked";
+        EXPECT_EQ(faults::openMixerHandles(), 0) << "a mixer leaked";
+    }
+};
+
 } // namespace quiltest
 
 // Defines an interposer: armed failure first, then a hook, else the real call.

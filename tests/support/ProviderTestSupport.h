@@ -4,13 +4,15 @@
 #include "CMDataTransfer.h"
 #include "TestEnvironment.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QList>
+#include <QSemaphore>
 #include <QThread>
 #include <QtEndian>
 
 #include <atomic>
-#include <condition_variable>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -25,14 +27,11 @@ namespace quiltest {
 class ScriptedInputDevice : public AudioInputDevice
 {
 public:
-    explicit ScriptedInputDevice(int rate = 48000, int channels = 2, int sampleBytes = 2)
-        : m_rate(rate), m_channels(channels), m_sampleBytes(sampleBytes) {}
     bool open() override
     {
         char name[16] = {};
         pthread_getname_np(pthread_self(), name, sizeof name);
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_openThreadName = QString::fromUtf8(name);
+        openedOnCaptureThread = std::strcmp(name, "AudioInputT") == 0;
         ++opens;
         return m_opened = !failOpen;
     }
@@ -41,11 +40,8 @@ public:
     bool read(QByteArray* buffer, int frameCount) override
     {
         const int readNumber = reads++;
-        {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_gateChanged.wait(lock, [this] { return !m_gated || m_permits > 0; });
-            m_permits -= m_gated ? 1 : 0;
-        }
+        if (gated)
+            m_permits.acquire();
         if (failReads)
             return false;
         if (!framesPerRead.isEmpty())
@@ -54,48 +50,29 @@ public:
         deliveredFrames += frameCount;
         return true;
     }
-    int sampleRate() const override { return m_rate; }
-    int bytesPerSample() const override { return m_sampleBytes; }
-    int channelCount() const override { return m_channels; }
+    int sampleRate() const override { return 48000; }
+    int bytesPerSample() const override { return 2; }
+    int channelCount() const override { return 2; }
     QString name() const override { return QStringLiteral("Scripted Device"); }
-    // While closed, each read waits for one permit.
-    void closeGate() { setGate(true, 0); }
-    void permit(int reads) { setGate(true, reads); }
-    void openGate() { setGate(false, 0); }
-    QString openThreadName() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_openThreadName;
-    }
+    void permit(int reads) { m_permits.release(reads); }
+    void openGate() { gated = false, m_permits.release(1 << 20); }
     // The counter frames [first, first + count).
-    QByteArray frames(int first, int count) const
+    static QByteArray frames(int first, int count)
     {
-        const int frameBytes = m_sampleBytes * m_channels;
-        QByteArray bytes(count * frameBytes, '\0');
+        QByteArray bytes(count * 4, '\0');
         for (int i = 0; i < count; ++i)
-            qToLittleEndian<quint32>(static_cast<quint32>(first + i), bytes.data() + i * frameBytes);
+            qToLittleEndian<quint32>(static_cast<quint32>(first + i), bytes.data() + i * 4);
         return bytes;
     }
 
-    std::atomic<bool> failOpen{false}, failReads{false};
+    std::atomic<bool> failOpen{false}, failReads{false}, openedOnCaptureThread{false};
+    std::atomic<bool> gated{false};   // set before start(): each read waits for a permit() until openGate()
     QList<int> framesPerRead;   // cycled; empty: as many as asked for. Set before start().
     std::atomic<int> opens{0}, closes{0}, reads{0}, deliveredFrames{0};   // reads: entered, waiting ones too
 
 private:
-    void setGate(bool gated, int permits)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_gated = gated;
-        m_permits += permits;
-        m_gateChanged.notify_all();
-    }
-    const int m_rate, m_channels, m_sampleBytes;
     std::atomic<bool> m_opened{false};
-    mutable std::mutex m_mutex;
-    std::condition_variable m_gateChanged;
-    bool m_gated = false;
-    int m_permits = 0;
-    QString m_openThreadName;
+    QSemaphore m_permits;
 };
 
 // Records what a transfer receives, from whichever thread, and whether it was
@@ -140,6 +117,14 @@ inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 50
     while (!condition() && timer.elapsed() <= quiltest::scaledMs(timeoutMs))
         QThread::msleep(1);
     return condition();
+}
+
+// A finished worker thread's object asks this thread, by a queued call, to
+// delete it later; this thread runs no event loop, so do both steps here.
+inline void deleteFinishedThreadObjects()
+{
+    QCoreApplication::sendPostedEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 // Empty when `bytes` is silence followed by the counter stream from its

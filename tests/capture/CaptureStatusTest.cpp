@@ -4,38 +4,19 @@
 
 #include "AlsaInputDevice.h"
 #include "AudioInputDataProvider.h"
-#include "LogCapture.h"
+#include "ProviderTestSupport.h"
 #include "SoundServer.h"
-#include "TestEnvironment.h"
 
 #include <QCoreApplication>
-#include <QEvent>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <thread>
-
 using quil::CaptureState;
-
-namespace {
-
-bool waitFor(const std::function<bool()>& done, int timeoutMs)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(quiltest::scaledMs(timeoutMs));
-    while (!done() && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return done();
-}
-
-} // namespace
+using quiltest::waitUntil;
 
 TEST(CaptureStatusTest, FollowsASoundServerRestart)
 {
-    if (!quiltest::hasSoundServer())
-        GTEST_SKIP() << "needs the private sound server";
+    ASSERT_TRUE(quiltest::hasSoundServer());
     AlsaInputDevice device(quiltest::soundDevice(), 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 200);
     std::atomic<int> blocks{0};
     QList<CaptureState> states;   // the listener's, read once the worker thread has ended
@@ -50,10 +31,10 @@ TEST(CaptureStatusTest, FollowsASoundServerRestart)
         const auto state = [&provider] { return provider.captureStatus().state; };
 
         provider.start();
-        ASSERT_TRUE(waitFor([&] { return blocks > 10; }, 5000));
+        ASSERT_TRUE(waitUntil([&] { return blocks > 10; }, 5000));
         EXPECT_EQ(state(), CaptureState::Running);
         ASSERT_TRUE(quiltest::runSoundServer("stop"));
-        const bool restarting = waitFor([&] { return state() == CaptureState::Restarting; }, 10000);
+        const bool restarting = waitUntil([&] { return state() == CaptureState::Restarting; }, 10000);
         const quil::CaptureStatus failed = provider.captureStatus();
         ASSERT_TRUE(quiltest::runSoundServer("start"));
         ASSERT_TRUE(restarting);
@@ -63,10 +44,10 @@ TEST(CaptureStatusTest, FollowsASoundServerRestart)
         EXPECT_EQ(failed.restartCount, 1);
 
         const int before = blocks;
-        EXPECT_TRUE(waitFor([&] { return state() == CaptureState::Running && blocks > before + 10; }, 15000))
+        EXPECT_TRUE(waitUntil([&] { return state() == CaptureState::Running && blocks > before + 10; }, 15000))
             << provider.captureStatus().errorString.toStdString();
         provider.stop();
-        EXPECT_TRUE(waitFor([&] { return state() == CaptureState::Stopped; }, 5000));
+        EXPECT_TRUE(waitUntil([&] { return state() == CaptureState::Stopped; }, 5000));
     }
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     EXPECT_EQ(states, (QList<CaptureState>{CaptureState::Running, CaptureState::Restarting, CaptureState::Running,

@@ -1,0 +1,106 @@
+// Data transfers, and AudioInputDataProvider with its worker: delivery to the
+// live and time-shifted feeds, failing devices and teardown. The ring behind
+// the prefills is checked under load by stress_test.
+
+#include "AudioInputDataProvider.h"
+
+#include "LogCapture.h"
+#include "ProviderTestSupport.h"
+#include "TestEnvironment.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include <gtest/gtest.h>
+
+using namespace quiltest;
+
+TEST(DataTransfer, BufferedKeepsBlocksUntilReadOrHandledAndFinishIsFinal)
+{
+    CMBufferedDataTransfer buffered;
+    CMUnbufferedDataTransfer unbuffered;
+    for (CMDataTransfer* t : {static_cast<CMDataTransfer*>(&buffered), static_cast<CMDataTransfer*>(&unbuffered)})
+        t->dataAvailable("kept ");
+    buffered.dataAvailable("both");
+    EXPECT_EQ(buffered.readAll(), QByteArray("kept both"));
+    EXPECT_EQ(buffered.readAll(), QByteArray());
+    buffered.dataAvailable("early");
+    QByteArray handled;
+    buffered.onDataAvailable([&](const QByteArray& b) { handled += b; });
+    unbuffered.onDataAvailable([&](const QByteArray& b) { handled += b; });
+    unbuffered.dataAvailable("+live");
+    int finishes = 0;
+    buffered.onFinished([&](const CMError&) { ++finishes; });
+    buffered.finish(CMError());
+    buffered.finish(CMError());
+    buffered.dataAvailable("after");
+    buffered.onFinished([&](const CMError&) { finishes += 10; });   // late: runs at once
+    EXPECT_EQ(handled, QByteArray("early+live"));
+    EXPECT_EQ(finishes, 11);
+    EXPECT_TRUE(buffered.isFinished() && !unbuffered.isFinished());
+}
+
+TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
+{
+    ScriptedInputDevice device;
+    device.gated = true;
+    auto provider = std::make_unique<AudioInputDataProvider>(&device, 100, 480);
+    FeedRecorder first(provider->liveFeedWithOffset(0));
+    FeedRecorder second(provider->liveFeedWithOffset(0));
+    FeedRecorder live(provider->liveFeed());
+    provider->start();
+    device.permit(3);
+    ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 3; }));
+    EXPECT_TRUE(first.bytes() == device.frames(1, 3 * 480));
+    EXPECT_TRUE(second.bytes() == first.bytes() && live.bytes() == first.bytes());
+    EXPECT_TRUE(device.openedOnCaptureThread);
+    first.transfer().finish(CMError());   // its consumer is done: nothing more for it
+    provider->stop();
+    device.permit(1);
+    ASSERT_TRUE(waitUntil([&] { return live.isFinished() && second.isFinished(); }));
+    EXPECT_EQ(first.blockCount(), 3);
+    EXPECT_EQ(second.blockCount(), 4);
+    EXPECT_EQ(device.closes, 1);
+    device.openGate();
+    provider.reset();
+    // start() right before destruction: every feed is finished all the same.
+    for (int i = 0; i < 20; ++i) {
+        ScriptedInputDevice other;
+        provider = std::make_unique<AudioInputDataProvider>(&other, 100, 480);
+        FeedRecorder feed(provider->liveFeedWithOffset(20)), otherLive(provider->liveFeed());
+        provider->start();
+        provider.reset();
+        EXPECT_TRUE(feed.isFinished() && otherLive.isFinished());
+        EXPECT_EQ(other.closes, 1);
+    }
+    deleteFinishedThreadObjects();
+}
+
+// Read errors restart the run every 2000 ms with the device left open; an
+// open error ends the retries until the next start().
+TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
+{
+    LogCapture log;
+    ScriptedInputDevice device;
+    device.failReads = true;
+    AudioInputDataProvider provider(&device, 100, 480);
+    FeedRecorder live(provider.liveFeed());
+    provider.start();
+    ASSERT_TRUE(waitUntil([&] { return device.reads == 1; }));
+    QElapsedTimer timer;
+    timer.start();
+    ASSERT_TRUE(waitUntil([&] { return device.reads == 2; }, 4000));
+    EXPECT_GE(timer.elapsed(), 1880);   // a coarse timer may fire up to 5 % early
+    EXPECT_LE(timer.elapsed(), 2000 + quiltest::scaledMs(300));
+    device.failOpen = true;
+    ASSERT_TRUE(waitUntil([&] { return device.opens == 3; }, 4000));
+    QThread::msleep(2300);
+    EXPECT_EQ(device.opens, 3);
+    EXPECT_EQ(log.errors(),
+              (QStringList{"Error while reading the input device, restarting provider in 2000 ms",
+                           "Error while reading the input device, restarting provider in 2000 ms",
+                           "Unable to open audio input device: Scripted Device"}));
+    provider.start();
+    ASSERT_TRUE(waitUntil([&] { return device.opens == 4; }));
+    EXPECT_FALSE(live.isFinished());
+}
