@@ -18,7 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <time.h>
+#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -38,38 +38,21 @@ bool runEventLoopUntil(const std::function<bool()>& done, int timeoutMs = 3000)
     return done();
 }
 
-// CPU seconds this process used while running the event loop for 300 ms.
-double cpuSecondsOverEventLoop()
-{
-    timespec before{}, after{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
-    QEventLoop loop;
-    QTimer::singleShot(300, &loop, &QEventLoop::quit);
-    loop.exec();
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
-    return double(after.tv_sec - before.tv_sec) + double(after.tv_nsec - before.tv_nsec) / 1e9;
-}
-
 // Every operation of an element whose mixer or ALSA element is gone fails,
 // leaves its outputs alone, never calls ALSA's mixer and logs why.
 void expectRetired(AlsaMixerElement& e, const LogCapture& log)
 {
-    const int mixerCalls = faults::callsStartingWith("snd_mixer_");
+    const int mixerCalls = faults::calls("snd_mixer_");
     const int errors = log.errors().size();
     double dB = 1;
-    long volume = 2, min = 3, max = 4;
-    bool on = true;
+    long volume = 2;
     unsigned int item = 5;
-    QString itemName = QStringLiteral("kept");
-    const bool results[] = {
-        e.setDB(-1, Playback), e.getDB(&dB, Capture), e.hasDB(Playback), e.setVolume(1, Playback),
-        e.getVolume(&volume, Playback), e.getVolumeRange(&min, &max, Playback), e.hasSwitch(Playback),
-        e.setSwitch(false, Playback), e.getSwitch(&on, Playback), e.isEnumerated(), e.setEnum(0),
-        e.getEnum(&item), e.getEnumSize() != 0, e.getEnumItemName(0, &itemName)};
+    const bool results[] = {e.setDB(-1, Playback), e.getDB(&dB, Capture), e.hasDB(Playback), e.getVolume(&volume, Playback),
+                            e.setSwitch(false, Playback), e.isEnumerated(), e.getEnum(&item)};
     EXPECT_EQ(std::count(std::begin(results), std::end(results), true), 0);
-    EXPECT_TRUE(dB == 1 && volume == 2 && min == 3 && max == 4 && on && item == 5 && itemName == "kept");
-    EXPECT_EQ(faults::callsStartingWith("snd_mixer_"), mixerCalls);
-    EXPECT_EQ(log.errors().mid(errors), QVector<QString>(11, "Mixer element " + e.name() + " is no longer available").toList());
+    EXPECT_TRUE(dB == 1 && volume == 2 && item == 5);
+    EXPECT_EQ(faults::calls("snd_mixer_"), mixerCalls);
+    EXPECT_EQ(log.errors().mid(errors), QVector<QString>(5, "Mixer element " + e.name() + " is no longer available").toList());
 }
 
 class MixerTest : public AlsaTest
@@ -84,15 +67,6 @@ protected:
         EXPECT_EQ(::write(fd, text.constData(), text.size()), text.size());
         ::close(fd);
     }
-    // Events are handled in the order written: once a change of `barrier`
-    // arrived, everything written before it has been handled.
-    void flushEvents(const AlsaMixerElementPtr& barrier)
-    {
-        QSignalSpy spy(barrier.data(), &AlsaMixerElement::changed);
-        command("set " + barrier->name().toUtf8() + " Playback Volume " + QByteArray::number(++m_barrier % 10));
-        ASSERT_TRUE(spy.wait(2000));
-    }
-    int m_barrier = 0;
     LogCapture m_log;
 };
 
@@ -117,7 +91,7 @@ TEST_F(MixerTest, HandleListsGuessesAndFindsElements)
         m_log.clear();
         EXPECT_FALSE(AlsaMixerHandle::openHandle("testmix")) << step;
         EXPECT_EQ(m_log.errors().size(), 1) << step;
-        EXPECT_EQ(faults::openMixerHandles(), 0) << step;
+        EXPECT_EQ(faults::openHandles(), 0) << step;
     }
 }
 
@@ -198,7 +172,10 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     command("set Master Playback Volume 10");
     command("set Headphone Playback Volume 3");
     command("set Master Playback Switch 0");
-    flushEvents(zoom);
+    // Events are handled in the order written: Zoom's change comes after all of those.
+    QSignalSpy zoomSpy(zoom.data(), &AlsaMixerElement::changed);
+    command("set Zoom Playback Volume 9");
+    ASSERT_TRUE(zoomSpy.wait(2000));
     EXPECT_EQ(spy.count(), 2);
     EXPECT_FALSE(AlsaCard("no_such_mixer", true).isOpen());
 }
@@ -216,11 +193,15 @@ TEST_F(MixerTest, MixerClosesItselfOnPollErrorOrDeadBackend)
         command(fault);
         ASSERT_TRUE(runEventLoopUntil([&] { return !card.isOpen(); }));
         EXPECT_EQ(m_log.errors().size(), 1);
-        EXPECT_EQ(faults::openMixerHandles(), 0);
+        EXPECT_EQ(faults::openHandles(), 0);
         EXPECT_EQ(spy.count(), 1) << "ALSA reports the element's removal when the mixer closes";
         faults::reset();
         expectRetired(*old, m_log);
-        EXPECT_LT(cpuSecondsOverEventLoop(), 0.03) << "busy after the mixer closed";
+        const std::clock_t cpu = std::clock();
+        QEventLoop idle;
+        QTimer::singleShot(300, &idle, &QEventLoop::quit);
+        idle.exec();
+        EXPECT_LT(std::clock() - cpu, CLOCKS_PER_SEC * 3 / 100) << "busy after the mixer closed";
         ASSERT_TRUE(card.open());
         auto fresh = card.loadMixerElement("master");
         ASSERT_TRUE(fresh);

@@ -55,5 +55,5 @@ TEST(AlsaOutputDeviceRealtimeTest, DrainWaitsForTheQueueAndAnXrunIsRecoveredInPl
     play(device, 400);
     EXPECT_GE(timer.elapsed(), 400 - 100 - 50);   // paced again: the stream runs
     device.close(Out::Immediate);
-    EXPECT_EQ(quiltest::faults::openPcmHandles(), 0);
+    EXPECT_EQ(quiltest::faults::openHandles(), 0);
 }

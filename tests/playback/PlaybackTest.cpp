@@ -176,7 +176,7 @@ TEST_F(PlaybackTest, WritesTakeTheBlockFrontToBackAndRecoverOrClose)
         ASSERT_EQ(taken == frames, result == Out::Written) << i;
         ASSERT_EQ(device.isOpened(), result != Out::DeviceClosed) << i;
         if (!device.isOpened()) {
-            ASSERT_EQ(faults::openPcmHandles(), 0);
+            ASSERT_EQ(faults::openHandles(), 0);
             ASSERT_LT(device.errorCode(), 0);
             ASSERT_TRUE(device.open()) << i;
         }
@@ -256,7 +256,7 @@ TEST_F(PlaybackTest, EveryFailingNegotiationStepFailsOpenAndReleasesAll)
         if (step.threshold)
             device.setStartThreshold(960);
         EXPECT_FALSE(device.open());
-        EXPECT_EQ(faults::openPcmHandles(), 0);
+        EXPECT_EQ(faults::openHandles(), 0);
         ASSERT_EQ(m_log.errors().size(), 1);
         EXPECT_EQ(std::make_pair(device.errorString(), device.errorCode()), std::make_pair(m_log.errors().value(0), -EINVAL));
         faults::reset();

@@ -129,7 +129,7 @@ TEST_F(StressTest, ProviderChurnLeavesNoThreadDescriptorOrAllocation)
             provider->stop();
         provider.reset();
         deleteFinishedThreadObjects();
-        EXPECT_EQ(faults::openPcmHandles(), 0) << i;   // the device closed it, if the provider did not
+        EXPECT_EQ(faults::openHandles(), 0) << i;   // the device closed it, if the provider did not
     };
     for (int i = 0; i < kinds.size(); ++i)   // loads ALSA's configuration, Qt's statics
         cycle(i);

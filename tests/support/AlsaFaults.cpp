@@ -25,13 +25,7 @@ void reset()
     state().hooks.clear();
 }
 
-int calls(const std::string& function)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return state().calls.count(function) ? state().calls[function] : 0;
-}
-
-int callsStartingWith(const std::string& prefix)
+int calls(const std::string& prefix)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
     int total = 0;
@@ -64,22 +58,16 @@ void* realSymbol(const char* function)
     return dlsym(RTLD_NEXT, function);
 }
 
-void track(std::set<void*> State::*handles, void* handle, bool open)
+void track(void* handle, bool open)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    open ? (void)(state().*handles).insert(handle) : (void)(state().*handles).erase(handle);
+    open ? (void)state().handles.insert(handle) : (void)state().handles.erase(handle);
 }
 
-int openPcmHandles()
+int openHandles()
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    return static_cast<int>(state().pcms.size());
-}
-
-int openMixerHandles()
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    return static_cast<int>(state().mixers.size());
+    return static_cast<int>(state().handles.size());
 }
 
 } // namespace faults

@@ -27,7 +27,7 @@ struct State
     std::map<std::string, Armed> armed;
     std::map<std::string, int> calls;
     std::map<std::string, std::any> hooks;
-    std::set<void*> pcms, mixers;
+    std::set<void*> handles;
 };
 State& state();
 
@@ -36,13 +36,11 @@ State& state();
 void arm(const std::string& function, long result, int times = 1, int after = 0);
 /// Clears every armed failure and hook, and the call counters.
 void reset();
-/// Calls of `function` (of every function whose name starts with it) since the last reset.
-int calls(const std::string& function);
-int callsStartingWith(const std::string& prefix);
+/// Calls since the last reset of every function whose name starts with `prefix`.
+int calls(const std::string& prefix);
 /// PCM and mixer handles opened through the library and not closed yet.
-int openPcmHandles();
-int openMixerHandles();
-void track(std::set<void*> State::*handles, void* handle, bool open);
+int openHandles();
+void track(void* handle, bool open);
 
 // Interposer internals.
 bool takeFailure(const char* function, long* result);
@@ -82,8 +80,7 @@ protected:
     void TearDown() override
     {
         faults::reset();
-        EXPECT_EQ(faults::openPcmHandles(), 0) << "a PCM handle leaked";
-        EXPECT_EQ(faults::openMixerHandles(), 0) << "a mixer leaked";
+        EXPECT_EQ(faults::openHandles(), 0) << "a PCM or mixer handle leaked";
     }
 };
 

@@ -17,7 +17,7 @@ extern "C" int snd_mixer_open(snd_mixer_t** mixer, int mode)
     static auto* realOpen = real<int(snd_mixer_t**, int)>("snd_mixer_open");
     const int result = realOpen(mixer, mode);
     if (result >= 0)
-        quiltest::faults::track(&quiltest::faults::State::mixers, *mixer, true);
+        quiltest::faults::track(*mixer, true);
     return result;
 }
 
@@ -26,7 +26,7 @@ extern "C" int snd_mixer_close(snd_mixer_t* mixer)
     long armedResult = 0;
     const bool fail = takeFailure("snd_mixer_close", &armedResult);
     static auto* realClose = real<int(snd_mixer_t*)>("snd_mixer_close");
-    quiltest::faults::track(&quiltest::faults::State::mixers, mixer, false);
+    quiltest::faults::track(mixer, false);
     const int result = realClose(mixer);   // an injected failure still releases the handle
     return fail ? static_cast<int>(armedResult) : result;
 }

@@ -18,7 +18,7 @@ extern "C" int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t 
     static auto* realOpen = real<int(snd_pcm_t**, const char*, snd_pcm_stream_t, int)>("snd_pcm_open");
     const int result = realOpen(pcm, name, stream, mode);
     if (result >= 0)
-        quiltest::faults::track(&quiltest::faults::State::pcms, *pcm, true);
+        quiltest::faults::track(*pcm, true);
     return result;
 }
 
@@ -27,7 +27,7 @@ extern "C" int snd_pcm_close(snd_pcm_t* pcm)
     long armedResult = 0;
     const bool fail = takeFailure("snd_pcm_close", &armedResult);
     static auto* realClose = real<int(snd_pcm_t*)>("snd_pcm_close");
-    quiltest::faults::track(&quiltest::faults::State::pcms, pcm, false);
+    quiltest::faults::track(pcm, false);
     const int result = realClose(pcm);   // an injected failure still releases the handle
     return fail ? static_cast<int>(armedResult) : result;
 }

@@ -99,14 +99,9 @@ public:
     bool isFinished() const { return m_state->finished; }
 
 private:
-    struct State
-    {
-        std::mutex mutex;
-        QList<QByteArray> blocks;
-        std::atomic<bool> finished{false};
-    };
-    CMDataTransfer m_transfer;
+    struct State { std::mutex mutex; QList<QByteArray> blocks; std::atomic<bool> finished{false}; };
     std::shared_ptr<State> m_state = std::make_shared<State>();
+    CMDataTransfer m_transfer;
 };
 
 // Polls until condition() holds or timeoutMs pass; returns the last result.

@@ -44,9 +44,5 @@ inline bool hasSoundServer()
     return qEnvironmentVariableIsSet("QUIL_SOUND_SERVER_DIR") && runProgram(QStringLiteral("pactl"), {"info"});
 }
 
-inline bool pactl(const QStringList& arguments, QString* output = nullptr)
-{
-    return runProgram(QStringLiteral("pactl"), arguments, output);
-}
 
 } // namespace quiltest
