@@ -58,6 +58,7 @@ TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
     provider->stop();
     device.permit(1);
     ASSERT_TRUE(waitUntil([&] { return live.isFinished() && second.isFinished(); }));
+    EXPECT_EQ(provider->captureStatus(), quil::CaptureStatus());   // stopped, no failure
     EXPECT_EQ(first.blockCount(), 3);
     EXPECT_EQ(second.blockCount(), 4);
     EXPECT_EQ(device.closes, 1);
@@ -77,7 +78,8 @@ TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
 }
 
 // Read errors restart the run every 2000 ms with the device left open; an
-// open error ends the retries until the next start().
+// open error ends the retries until the next start(). The capture status
+// follows, with the device's own reason for each failure.
 TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
 {
     LogCapture log;
@@ -85,6 +87,12 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
     device.failReads = true;
     AudioInputDataProvider provider(&device, 100, 480);
     FeedRecorder live(provider.liveFeed());
+    std::mutex mutex;
+    QList<quil::CaptureStatus> statuses;   // each change, told by the worker thread
+    provider.setCaptureStatusListener([&](const quil::CaptureStatus& status) {
+        std::lock_guard<std::mutex> lock(mutex);
+        statuses << status;
+    });
     provider.start();
     ASSERT_TRUE(waitUntil([&] { return device.reads == 1; }));
     QElapsedTimer timer;
@@ -100,6 +108,17 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
               (QStringList{"Error while reading the input device, restarting provider in 2000 ms",
                            "Error while reading the input device, restarting provider in 2000 ms",
                            "Unable to open audio input device: Scripted Device"}));
+    {
+        using State = quil::CaptureState;
+        std::lock_guard<std::mutex> lock(mutex);
+        QList<State> states;
+        for (const quil::CaptureStatus& status : statuses)
+            states << status.state;
+        EXPECT_EQ(states, (QList<State>{State::Running, State::Restarting, State::Running, State::Restarting, State::Stopped}));
+        const quil::CaptureStatus readFailed{State::Restarting, "Scripted read failure", -EIO, 1};
+        const quil::CaptureStatus openFailed{State::Stopped, "Scripted open failure", -ENODEV, 2};
+        EXPECT_TRUE(statuses.value(1) == readFailed && statuses.value(4) == openFailed && provider.captureStatus() == openFailed);
+    }
     provider.start();
     ASSERT_TRUE(waitUntil([&] { return device.opens == 4; }));
     EXPECT_FALSE(live.isFinished());

@@ -1,6 +1,6 @@
-// AlsaOutputDevice on ALSA's pulse PCM, played in real time by the private
-// sound server's null sink: draining and xrun recovery. Timing bounds are
-// loose: the machine's cores are shared.
+// AlsaOutputDevice on the sound server's PCM, played in real time by the
+// private server's null sink: a drained close waits for what is queued, an
+// immediate one does not. Timing bounds are loose: the cores are shared.
 
 #include "AlsaOutputDevice.h"
 
@@ -9,7 +9,6 @@
 #include "TestEnvironment.h"
 
 #include <QElapsedTimer>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -27,7 +26,7 @@ void play(AlsaOutputDevice& device, int ms)
 
 } // namespace
 
-TEST(AlsaOutputDeviceRealtimeTest, DrainWaitsForTheQueueAndAnXrunIsRecoveredInPlace)
+TEST(AlsaOutputDeviceRealtimeTest, DrainWaitsForTheQueueAndImmediateDoesNot)
 {
     ASSERT_TRUE(quiltest::hasSoundServer());
     for (auto mode : {Out::Drain, Out::Immediate}) {
@@ -42,18 +41,5 @@ TEST(AlsaOutputDeviceRealtimeTest, DrainWaitsForTheQueueAndAnXrunIsRecoveredInPl
         EXPECT_GE(timer.elapsed(), mode == Out::Drain ? queuedMs - 60 : 0);
         EXPECT_LT(timer.elapsed(), mode == Out::Drain ? queuedMs + quiltest::scaledMs(300) : quiltest::scaledMs(100));
     }
-    AlsaOutputDevice device(quiltest::soundDevice(), 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
-    ASSERT_TRUE(device.open());
-    play(device, 200);
-    QThread::msleep(300);   // the buffer runs dry
-    // PipeWire's pulse server resumes a stream that ran dry: the pulse plugin sees no xrun there.
-    const bool xrunSeen = !quiltest::onPipeWire() || quiltest::soundDevice() != QLatin1String("pulse");
-    EXPECT_EQ(device.write(QByteArray(3840, 0)), xrunSeen ? Out::XrunRecovered : Out::Written);
-    ASSERT_TRUE(device.isOpened());
-    QElapsedTimer timer;
-    timer.start();
-    play(device, 400);
-    EXPECT_GE(timer.elapsed(), 400 - 100 - 50);   // paced again: the stream runs
-    device.close(Out::Immediate);
     EXPECT_EQ(quiltest::faults::openHandles(), 0);
 }

@@ -12,6 +12,7 @@
 #include <QtEndian>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -33,6 +34,7 @@ public:
         pthread_getname_np(pthread_self(), name, sizeof name);
         openedOnCaptureThread = std::strcmp(name, "AudioInputT") == 0;
         ++opens;
+        failOpen ? lastError().set("Scripted open failure", -ENODEV) : lastError().clear();
         return m_opened = !failOpen;
     }
     void close() override { ++closes, m_opened = false; }
@@ -42,8 +44,10 @@ public:
         const int readNumber = reads++;
         if (gated)
             m_permits.acquire();
-        if (failReads)
+        if (failReads) {
+            lastError().set("Scripted read failure", -EIO);
             return false;
+        }
         if (!framesPerRead.isEmpty())
             frameCount = framesPerRead.at(readNumber % framesPerRead.size());
         *buffer = frames(deliveredFrames + 1, frameCount);

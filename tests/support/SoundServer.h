@@ -34,11 +34,6 @@ inline QString soundDevice()
     return qEnvironmentVariable("QUIL_TEST_SOUND_DEVICE", QStringLiteral("pulse"));
 }
 
-inline bool onPipeWire()
-{
-    return qEnvironmentVariable("QUIL_SOUND_SERVER") == QLatin1String("pipewire");
-}
-
 inline bool hasSoundServer()
 {
     return qEnvironmentVariableIsSet("QUIL_SOUND_SERVER_DIR") && runProgram(QStringLiteral("pactl"), {"info"});
