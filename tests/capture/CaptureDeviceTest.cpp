@@ -118,7 +118,7 @@ TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
     EXPECT_EQ(device.errorCode(), 0);
 }
 
-TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepAndReleasesAll)
+TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasingAll)
 {
     const QString pcm = knownDataPcm(patternBytes(4096));
     for (const char* step : {"snd_pcm_hw_params_malloc", "snd_pcm_hw_params_any", "snd_pcm_hw_params_set_access",
@@ -155,6 +155,8 @@ TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepAndReleasesAll)
     EXPECT_EQ(m_sleeps.size(), 4);   // four tries a quarter second apart
     EXPECT_EQ(m_log.errors().last(),
               "Cannot open capture device 'no_such_pcm': " + alsaText(-ENOENT));
+    faults::arm("snd_pcm_open", -EBUSY, 3);   // the fourth try takes a busy device
+    EXPECT_TRUE(AlsaInputDevice(pcm, 48000, 2, S16, 20, 100).open());
 }
 
 TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosWithoutAFile)

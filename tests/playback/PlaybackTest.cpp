@@ -220,18 +220,6 @@ TEST_F(PlaybackTest, FramesReadyDelayAndClose)
     EXPECT_EQ(faults::calls("snd_pcm_drain"), 1);
 }
 
-TEST_F(PlaybackTest, OpenRetriesFourTimesThenReportsTheDevice)
-{
-    AlsaOutputDevice missing(QStringLiteral("no_such_pcm"), 48000, 2, S16, 20, 100);
-    EXPECT_FALSE(missing.open());
-    EXPECT_EQ(faults::calls("usleep"), 4);   // a quarter second apart (hooked away)
-    EXPECT_EQ(m_log.errors(),
-              QStringList{"Cannot open playback device 'no_such_pcm': " + alsaText(-ENOENT)});
-    faults::arm("snd_pcm_open", -EBUSY, 3);
-    AlsaOutputDevice late(QStringLiteral("null"), 48000, 2, S16, 20, 100);
-    EXPECT_TRUE(late.open());
-}
-
 // Each step of the negotiation that fails fails open(), logs one error and
 // leaves no handle; parameters no PCM honours fail the same way.
 TEST_F(PlaybackTest, EveryFailingNegotiationStepFailsOpenAndReleasesAll)

@@ -109,12 +109,7 @@ TEST_F(StressTest, ProviderChurnLeavesNoThreadDescriptorOrAllocation)
         {[] { auto* d = new ScriptedInputDevice; d->failOpen = true; return d; }, false},
         {[&] { auto* d = new FileInputDevice(48000, 2, SND_PCM_FORMAT_S16_LE); d->playFile(file); return d; }, true},
         {[&] { return new AlsaInputDevice(pcm, 48000, 2, SND_PCM_FORMAT_S16_LE, 10, 100); }, true},
-        {[] { return new AlsaInputDevice("no_such_pcm", 48000, 2, SND_PCM_FORMAT_S16_LE, 10, 100); }, false},
     };
-    // The open retries' pauses are skipped; the file device's pacing is kept.
-    faults::setHook<int(useconds_t)>("usleep", [](useconds_t us) {
-        return us == 250000 ? 0 : faults::real<int(useconds_t)>("usleep")(us);
-    });
     auto cycle = [&](int i) {
         std::unique_ptr<AudioInputDevice> device(kinds.at(i % kinds.size()).first());
         auto provider = std::make_unique<AudioInputDataProvider>(device.get(), 100, 480);

@@ -223,7 +223,6 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
         {"bad_mixer", {"mixer", "-D", "nosuch", "list"}, 1, "cannot open mixer 'nosuch'"},
         {"ring_below_period", {"record", "--input-file", "{in}", "--ring-ms", "5", "{out}"}, 2,
          "--ring-ms 5 holds less than one period (125 ms)"},
-        {"unknown_option", {"play", "--bogus"}, 2, "Unknown option 'bogus'"},
         {"unknown_command", {"frobnicate"}, 2, "unknown command 'frobnicate'"},
     });
 }
@@ -235,9 +234,6 @@ TEST_F(QuilAudioTool, SpeaksAudioFilesAndListsDevices)
     const QString two = quiltest::writeDataFile(QStringLiteral("tool_two.raw"), in);
     const QString made = m_dir + QStringLiteral("/made.wav");
     ASSERT_EQ(run("sox", {"-t", "raw", "-r", "22050", "-c", "1", "-e", "signed", "-b", "16", two, made}).status, 0);
-    QByteArray lying = fileContent(made);
-    lying[22] = lying[23] = '\0';   // the channel count
-    quiltest::writeDataFile(QStringLiteral("tool/lying.wav"), lying);
     const QStringList capture{"record", "-D", "cap_file:INFILE=" + two};
     const auto json = [](const QString&, const QByteArray& output) {
         const QJsonObject all = QJsonDocument::fromJson(output).object();
@@ -258,7 +254,6 @@ TEST_F(QuilAudioTool, SpeaksAudioFilesAndListsDevices)
         {"play_raw_across_windows", {"play", "-D", "file:FILE={out},FORMAT=raw", "{big}"}, 0, {}, m_bigIn},
         {"unknown_extension", capture + QStringList{"-d", "1", "{out}.xyz"}, 1, "unknown file type '.xyz'"},
         {"header_contradicted", {"play", "-D", "null", "-r", "44100", "{dir}/made.wav"}, 1, "holds 22050 Hz, not 44100"},
-        {"header_lies", {"play", "-D", "null", "{dir}/lying.wav"}, 1, "Channel count is zero"},
         // The summary's peaks come from the typed level scans.
         {"peaks_s16", {"record", "-D", "cap_file:INFILE={lv}", "-d", "0.1", "{out}"}, 0, "peak -6.0 / -12.0 dBFS"},
         {"peaks_s16_be", {"record", "-D", "cap_file:INFILE={lv}", "-f", "S16_BE", "-d", "0.1", "{out}"}, 0,

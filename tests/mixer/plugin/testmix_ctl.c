@@ -280,10 +280,7 @@ SND_CTL_PLUGIN_DEFINE_FUNC(testmix)
 	}
 	s->ext.version = SND_CTL_EXT_VERSION;
 	strcpy(s->ext.id, "testmix");
-	strcpy(s->ext.driver, "testmix");
 	strcpy(s->ext.name, "Test Mixer");
-	strcpy(s->ext.longname, "Scripted test mixer");
-	strcpy(s->ext.mixername, "Test Mixer");
 	s->ext.callback = &callbacks;
 	s->ext.private_data = s;
 	s->ext.tlv.c = read_tlv;
