@@ -188,6 +188,7 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
 
         // play: the bytes reach the device unchanged
         {"play_pcm", {"play", "-D", "file:FILE={out},FORMAT=raw", "{in}"}, 0, {}, in},
+        {"play_sound_server", {"play", "-D", "{snd}", "{in}"}, 0, "played 9600 frames (0.200 s)"},
         {"play_stdin_to_file", {"play", "-o", "{out}", "-"}, 0, {}, in, {}, in},
         {"play_tone", {"play", "--tone", "1000", "-d", "0.01", "-o", "{out}"}, 0, {}, {}, {}, {}, {}, -1,
          [](const QString&, const QByteArray& output) {
