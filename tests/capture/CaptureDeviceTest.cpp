@@ -43,7 +43,6 @@ protected:
         return "cap_file:INFILE=" + writeDataFile(QStringLiteral("capture.raw"), bytes);
     }
     QList<useconds_t> m_sleeps;
-    LogCapture m_log;
 };
 
 } // namespace

@@ -56,7 +56,6 @@ protected:
         EXPECT_EQ(::write(fd, text.constData(), text.size()), text.size());
         ::close(fd);
     }
-    LogCapture m_log;
 };
 
 } // namespace

@@ -27,22 +27,7 @@ namespace {
 using WriteI = snd_pcm_sframes_t(snd_pcm_t*, const void*, snd_pcm_uframes_t);
 constexpr snd_pcm_format_t S16 = SND_PCM_FORMAT_S16_LE;
 
-class PlaybackTest : public AlsaTest
-{
-protected:
-    void SetUp() override
-    {
-        AlsaTest::SetUp();
-        faults::setHook<int(useconds_t)>("usleep", [](useconds_t) { return 0; });   // open retries
-    }
-    static QString teePcm(const QString& name, const QString& slave)
-    {
-        const QString path = dataDirectory() + '/' + name;
-        QFile::remove(path);
-        return QStringLiteral("tee:SLAVE=%1,FILE=%2,FORMAT=raw").arg(slave, path);
-    }
-    LogCapture m_log;
-};
+using PlaybackTest = AlsaTest;
 
 } // namespace
 
@@ -71,7 +56,9 @@ TEST_F(PlaybackTest, FileDeviceWritesRawBlocksAndStartsEmptyOnEveryOpen)
 TEST_F(PlaybackTest, PluginReceivesExactlyTheWholeFramesWritten)
 {
     for (unsigned channels : {1u, 2u}) {
-        const QString pcm = teePcm("tee.raw", channels == 1 ? "stereo_only" : "null");
+        const QString path = dataDirectory() + "/tee.raw";
+        QFile::remove(path);
+        const QString pcm = QStringLiteral("tee:SLAVE=%1,FILE=%2,FORMAT=raw").arg(channels == 1 ? "stereo_only" : "null", path);
         AlsaOutputDevice device(pcm, 48000, channels == 1 ? 1 : 2, SND_PCM_FORMAT_S16_LE, 20, 100);
         device.enableChannelsNear();
         ASSERT_TRUE(device.open());
@@ -84,7 +71,7 @@ TEST_F(PlaybackTest, PluginReceivesExactlyTheWholeFramesWritten)
             expected += block.left(block.size() / 4 * 4);
         }
         device.close(Out::Drain);
-        EXPECT_TRUE(fileContent(dataDirectory() + "/tee.raw") == expected);
+        EXPECT_TRUE(fileContent(path) == expected);
     }
 }
 

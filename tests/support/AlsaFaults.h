@@ -4,6 +4,8 @@
 // defines the ALSA functions itself (see the *Interposers.cpp files); each one
 // forwards to libasound unless a test armed a failure or installed a hook.
 
+#include "LogCapture.h"
+
 #include <gtest/gtest.h>
 
 #include <any>
@@ -72,7 +74,7 @@ Signature* real(const char* function)
 } // namespace faults
 
 /// A test of code that calls ALSA: no armed failure or hook at its start, no
-/// PCM or mixer handle left open at its end.
+/// PCM or mixer handle left open at its end, the library's ERROR lines in m_log.
 class AlsaTest : public ::testing::Test
 {
 protected:
@@ -82,6 +84,7 @@ protected:
         faults::reset();
         EXPECT_EQ(faults::openHandles(), 0) << "a PCM or mixer handle leaked";
     }
+    LogCapture m_log;
 };
 
 } // namespace quiltest
