@@ -91,7 +91,7 @@ int frameBytesOf(snd_pcm_format_t format, unsigned int channels)
     return snd_pcm_format_physical_width(format) / 8 * static_cast<int>(channels);
 }
 
-// libsndfile, with the codecs it links (FLAC, Vorbis, Opus, MP3), is nine of
+// libsndfile, with the codecs it links (FLAC, Vorbis, Opus, MP3), is eight of
 // the shared objects a start of this tool would load and relocate, and raw
 // files never need it: it is opened when the first container is.
 struct Sndfile
@@ -134,8 +134,10 @@ const Sndfile& sndfile()
             && resolve(library, "sf_writef_short", s.writefShort) && resolve(library, "sf_writef_int", s.writefInt)
             && resolve(library, "sf_writef_float", s.writefFloat)
             && resolve(library, "sf_writef_double", s.writefDouble);
-        if (!complete)
-            s.loadError = dlerror();
+        if (!complete) {
+            const char* why = dlerror();
+            s.loadError = why ? why : "libsndfile.so.1 lacks a function the tool calls";
+        }
         return s;
     }();
     return api;
