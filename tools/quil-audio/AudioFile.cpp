@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -90,17 +91,69 @@ int frameBytesOf(snd_pcm_format_t format, unsigned int channels)
     return snd_pcm_format_physical_width(format) / 8 * static_cast<int>(channels);
 }
 
+// libsndfile, with the codecs it links (FLAC, Vorbis, Opus, MP3), is eight of
+// the shared objects a start of this tool would load and relocate, and raw
+// files never need it: it is opened when the first container is.
+struct Sndfile
+{
+    decltype(&sf_open) open = nullptr;
+    decltype(&sf_close) close = nullptr;
+    decltype(&sf_command) command = nullptr;
+    decltype(&sf_format_check) formatCheck = nullptr;
+    decltype(&sf_strerror) strerror = nullptr;
+    decltype(&sf_error_number) errorNumber = nullptr;
+    decltype(&sf_readf_short) readfShort = nullptr;
+    decltype(&sf_readf_int) readfInt = nullptr;
+    decltype(&sf_readf_float) readfFloat = nullptr;
+    decltype(&sf_readf_double) readfDouble = nullptr;
+    decltype(&sf_writef_short) writefShort = nullptr;
+    decltype(&sf_writef_int) writefInt = nullptr;
+    decltype(&sf_writef_float) writefFloat = nullptr;
+    decltype(&sf_writef_double) writefDouble = nullptr;
+    QByteArray loadError; // empty once every function is there
+};
+
+template <typename Function>
+bool resolve(void* library, const char* name, Function*& function)
+{
+    function = reinterpret_cast<Function*>(dlsym(library, name));
+    return function != nullptr;
+}
+
+const Sndfile& sndfile()
+{
+    static const Sndfile api = [] {
+        Sndfile s;
+        // The library's ABI name: libsndfile has kept it since 1.0.
+        void* library = dlopen("libsndfile.so.1", RTLD_NOW | RTLD_LOCAL);
+        const bool complete = library && resolve(library, "sf_open", s.open) && resolve(library, "sf_close", s.close)
+            && resolve(library, "sf_command", s.command) && resolve(library, "sf_format_check", s.formatCheck)
+            && resolve(library, "sf_strerror", s.strerror) && resolve(library, "sf_error_number", s.errorNumber)
+            && resolve(library, "sf_readf_short", s.readfShort) && resolve(library, "sf_readf_int", s.readfInt)
+            && resolve(library, "sf_readf_float", s.readfFloat) && resolve(library, "sf_readf_double", s.readfDouble)
+            && resolve(library, "sf_writef_short", s.writefShort) && resolve(library, "sf_writef_int", s.writefInt)
+            && resolve(library, "sf_writef_float", s.writefFloat)
+            && resolve(library, "sf_writef_double", s.writefDouble);
+        if (!complete) {
+            const char* why = dlerror();
+            s.loadError = why ? why : "libsndfile.so.1 lacks a function the tool calls";
+        }
+        return s;
+    }();
+    return api;
+}
+
 sf_count_t readFrames(SNDFILE* file, snd_pcm_format_t format, char* data, sf_count_t frames)
 {
     switch (format) {
     case SND_PCM_FORMAT_S16:
-        return sf_readf_short(file, reinterpret_cast<short*>(data), frames);
+        return sndfile().readfShort(file, reinterpret_cast<short*>(data), frames);
     case SND_PCM_FORMAT_S32:
-        return sf_readf_int(file, reinterpret_cast<int*>(data), frames);
+        return sndfile().readfInt(file, reinterpret_cast<int*>(data), frames);
     case SND_PCM_FORMAT_FLOAT:
-        return sf_readf_float(file, reinterpret_cast<float*>(data), frames);
+        return sndfile().readfFloat(file, reinterpret_cast<float*>(data), frames);
     default:
-        return sf_readf_double(file, reinterpret_cast<double*>(data), frames);
+        return sndfile().readfDouble(file, reinterpret_cast<double*>(data), frames);
     }
 }
 
@@ -119,19 +172,19 @@ sf_count_t writeFrames(SNDFILE* file, snd_pcm_format_t format, const char* data,
 {
     switch (format) {
     case SND_PCM_FORMAT_S16:
-        return sf_writef_short(file, reinterpret_cast<const short*>(data), frames);
+        return sndfile().writefShort(file, reinterpret_cast<const short*>(data), frames);
     case SND_PCM_FORMAT_S32:
-        return sf_writef_int(file, reinterpret_cast<const int*>(data), frames);
+        return sndfile().writefInt(file, reinterpret_cast<const int*>(data), frames);
     case SND_PCM_FORMAT_FLOAT:
-        return sf_writef_float(file, reinterpret_cast<const float*>(data), frames);
+        return sndfile().writefFloat(file, reinterpret_cast<const float*>(data), frames);
     case SND_PCM_FORMAT_FLOAT64:
-        return sf_writef_double(file, reinterpret_cast<const double*>(data), frames);
+        return sndfile().writefDouble(file, reinterpret_cast<const double*>(data), frames);
     default: {
         const int sampleBytes = snd_pcm_format_physical_width(format) / 8;
         std::vector<int32_t> wide(static_cast<size_t>(frames * channels));
         for (size_t i = 0; i < wide.size(); ++i)
             wide[i] = widened(reinterpret_cast<const uint8_t*>(data) + i * sampleBytes, format);
-        return sf_writef_int(file, wide.data(), frames);
+        return sndfile().writefInt(file, wide.data(), frames);
     }
     }
 }
@@ -200,13 +253,15 @@ bool AudioFile::openForReading(const QString& path, const Layout& layout)
         m_mapped = m_fd > STDIN_FILENO && ::fstat(m_fd, &st) == 0 && S_ISREG(st.st_mode);
         return m_fd >= 0 || fail("open");
     }
+    if (!sndfile().loadError.isEmpty())
+        return failSndfile("open", sndfile().loadError.constData());
     SF_INFO info{};
-    m_sndfile = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
+    m_sndfile = sndfile().open(QFile::encodeName(path).constData(), SFM_READ, &info);
     if (!m_sndfile)
         return failSndfile("open");
     m_layout = {static_cast<unsigned int>(info.samplerate), static_cast<unsigned int>(info.channels),
                 formatOfSubtype(info.format & SF_FORMAT_SUBMASK)};
-    sf_command(m_sndfile, SFC_SET_CLIPPING, nullptr, SF_TRUE);
+    sndfile().command(m_sndfile, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     const QVector<snd_pcm_format_t> readable = readableFormats();
     setReadFormat(readable.contains(m_layout.format) ? m_layout.format : readable.first());
     return true;
@@ -235,22 +290,24 @@ bool AudioFile::openForWriting(const QString& path, const Layout& layout)
                              : ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         return m_fd >= 0 || fail("open");
     }
+    if (!sndfile().loadError.isEmpty())
+        return failSndfile("open", sndfile().loadError.constData());
     const int subtype = m_sfFormat == SF_FORMAT_OGG ? SF_FORMAT_VORBIS : subtypeOfFormat(layout.format);
     SF_INFO info{};
     info.samplerate = static_cast<int>(layout.rate);
     info.channels = static_cast<int>(layout.channels);
     info.format = m_sfFormat | subtype;
-    if (subtype == 0 || !sf_format_check(&info)) {
+    if (subtype == 0 || !sndfile().formatCheck(&info)) {
         m_error = QStringLiteral("cannot write %1 samples into a %2 file")
                       .arg(QString::fromLatin1(snd_pcm_format_name(layout.format)), m_typeName.toUpper());
         return false;
     }
-    m_sndfile = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
+    m_sndfile = sndfile().open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
     if (!m_sndfile)
         return failSndfile("open");
     // Plain WAV until the data passes WAV's 4 GiB, RF64 beyond.
     if (m_typeName == QLatin1String("wav"))
-        sf_command(m_sndfile, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+        sndfile().command(m_sndfile, SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
     return true;
 }
 
@@ -378,10 +435,10 @@ bool AudioFile::flush()
 bool AudioFile::close()
 {
     bool done = !m_writing || m_chunkFill == 0 || flush();
-    const int closed = m_sndfile ? sf_close(m_sndfile) : 0;
+    const int closed = m_sndfile ? sndfile().close(m_sndfile) : 0;
     m_sndfile = nullptr;
     if (closed != 0 && done)
-        done = failSndfile("close", sf_error_number(closed));
+        done = failSndfile("close", sndfile().errorNumber(closed));
     unmapChunk();
     if (m_fd > STDERR_FILENO)
         ::close(m_fd);
@@ -401,7 +458,7 @@ bool AudioFile::failSndfile(const char* action, const char* why)
 {
     m_error = QStringLiteral("cannot %1 '%2' as %3: %4")
                   .arg(QLatin1String(action), m_path, m_typeName.toUpper(),
-                       QString::fromLocal8Bit(why ? why : sf_strerror(m_sndfile)));
+                       QString::fromLocal8Bit(why ? why : sndfile().strerror(m_sndfile)));
     return false;
 }
 
