@@ -34,11 +34,12 @@ using StressTest = AlsaTest;   // each run ends within ctest's time limit
 
 // Every feed, from its prefill (the newest bytes of the ring) to its finish,
 // must be one gapless stretch of the counter stream, whichever thread asked
-// and however soon it finished; blocks from 7 frames to the whole ring.
+// and however soon it finished; blocks from 7 frames to longer than the ring,
+// which the ring then grows to hold (100 ms to 125 ms).
 TEST_F(StressTest, FeedChurnKeepsEveryTimeShiftedFeedGapless)
 {
     ScriptedInputDevice device;   // 48 kHz, 4-byte counter frames
-    device.framesPerRead = {48, 7, 4800, 300, 48, 48};
+    device.framesPerRead = {48, 7, 6000, 300, 48, 48};
     AudioInputDataProvider provider(&device, 100, 48);   // a 100 ms ring
     std::atomic<int> liveBlocks{0}, liveDefects{0};
     QByteArray lastLive;   // the live feed checks each block against the last
@@ -49,13 +50,14 @@ TEST_F(StressTest, FeedChurnKeepsEveryTimeShiftedFeedGapless)
         ++liveBlocks;
     });
     provider.start();
+    ASSERT_TRUE(waitUntil([&] { return device.reads > 3; }));
     const size_t heapBytes = mallinfo2().uordblks;
     auto churn = [&](int seed) {
         std::mt19937 random(seed);
         QStringList defects;
         for (int i = seed; i < 10000 && defects.size() < 10; i += 4) {
-            const int offsetMs = std::uniform_int_distribution<int>(0, 120)(random);
-            const int prefillBytes = qMin(offsetMs, 100) * 192;
+            const int offsetMs = std::uniform_int_distribution<int>(0, 150)(random);
+            const int prefillBytes = qMin(offsetMs, 125) * 192;
             FeedRecorder feed(provider.liveFeedWithOffset(offsetMs));
             if (!waitUntil([&] { return feed.blockCount() >= (prefillBytes > 0) + (i % 3 == 2 ? 4 : i % 3); })) {
                 defects << QStringLiteral("feed %1 starved").arg(i);
