@@ -16,16 +16,18 @@ source scripts/lib/packages.sh
 
 # run_suite NAME "CTEST ARGS" [CMAKE ARGS...]
 run_suite() {
-    local name=$1 ctest_args=$2
+    local name=$1 ctest_args=$2 start=$SECONDS
     shift 2
     echo "== $name"
     cmake -S . -B "build/$name" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
     cmake --build "build/$name"
     (cd "build/$name" && ctest --output-on-failure $ctest_args)
+    echo "== $name: $((SECONDS - start)) s, build and tests"
 }
 
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}" \
     "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}"
+echo "== packages: $SECONDS s"
 
 run_suite test ""
 [ "${1:-}" = "--quick" ] && exit 0
