@@ -241,6 +241,8 @@ TEST_F(QuilAudioTool, SpeaksAudioFilesAndListsDevices)
          soxReads(".wav", "48000 2 16 96000", in)},
         {"record_flac_24bit_mono", capture + QStringList{"-r", "44100", "-c", "1", "-f", "S24_3LE", "-d", "1", "{out}.flac"},
          0, {}, {}, {}, {}, {}, -1, soxReads(".flac", "44100 1 24 44100", in.left(44100 * 3))},
+        {"record_wav_u8_mono", capture + QStringList{"-f", "U8", "-c", "1", "-d", "1", "{out}.wav"}, 0, {}, {}, {}, {}, {}, -1,
+         soxReads(".wav", "48000 1 8 48000", in.left(48000))},
         {"record_ogg", capture + QStringList{"-d", "1", "{out}.ogg"}, 0, {}, {}, {}, {}, {}, -1, soxReads(".ogg", "48000 2 0 48000")},
         {"record_raw_chunks", capture + QStringList{"-d", "2", "{out}"}, 0, {}, in},
         {"play_wav", {"play", "-D", "file:FILE={out}.wav,FORMAT=wav", "{dir}/made.wav"}, 0, {}, {}, {}, {}, {}, -1,
