@@ -5,7 +5,7 @@
 #include "AlsaInputDevice.h"
 #include "FileInputDevice.h"
 
-#include "AlsaFaults.h"
+#include "AlsaTest.h"
 #include "LogCapture.h"
 #include "TestEnvironment.h"
 

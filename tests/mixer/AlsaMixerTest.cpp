@@ -4,7 +4,7 @@
 
 #include "AlsaCard.h"
 
-#include "AlsaFaults.h"
+#include "AlsaTest.h"
 #include "LogCapture.h"
 #include "TestEnvironment.h"
 

@@ -5,7 +5,7 @@
 #include "AlsaOutputDevice.h"
 #include "FileOutputDevice.h"
 
-#include "AlsaFaults.h"
+#include "AlsaTest.h"
 #include "LogCapture.h"
 #include "TestEnvironment.h"
 

@@ -7,7 +7,7 @@
 #include "AudioInputDataProvider.h"
 #include "FileInputDevice.h"
 
-#include "AlsaFaults.h"
+#include "AlsaTest.h"
 #include "ProviderTestSupport.h"
 #include "TestEnvironment.h"
 
