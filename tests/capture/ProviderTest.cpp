@@ -8,7 +8,6 @@
 #include "ProviderTestSupport.h"
 #include "TestEnvironment.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 
 #include <gtest/gtest.h>
