@@ -34,7 +34,7 @@ public:
         pthread_getname_np(pthread_self(), name, sizeof name);
         openedOnCaptureThread = std::strcmp(name, "AudioInputT") == 0;
         ++opens;
-        failOpen ? lastError().set("Scripted open failure", -ENODEV) : lastError().clear();
+        setErrorString(failOpen ? QStringLiteral("Scripted open failure") : QString(), -ENODEV);
         return m_opened = !failOpen;
     }
     void close() override { ++closes, m_opened = false; }
@@ -45,7 +45,7 @@ public:
         if (gated)
             m_permits.acquire();
         if (failReads) {
-            lastError().set("Scripted read failure", -EIO);
+            setErrorString(QStringLiteral("Scripted read failure"), -EIO);
             return false;
         }
         if (!framesPerRead.isEmpty())

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QByteArray>
@@ -11,7 +10,7 @@
 ///
 /// open(), read() and close() are called by one thread; the format accessors
 /// return values fixed at construction and may be called from any thread.
-class QUIL_AUDIO_EXPORT AudioInputDevice : public quil::ErrorReporting
+class QUIL_AUDIO_EXPORT AudioInputDevice
 {
 public:
     virtual ~AudioInputDevice();
@@ -34,4 +33,24 @@ public:
     virtual int channelCount() const = 0;
     /// Human-readable name for log messages.
     virtual QString name() const = 0;
+
+    /// Why this device's last failed operation failed: the text of the ERROR
+    /// line the library logged for it. Empty while nothing failed since the
+    /// device was made or last opened; later successes leave it, so read it
+    /// right after an operation reported failure. Safe from any thread.
+    ///
+    /// Error values live in a table of the library keyed by the device's
+    /// address, not in the object, whose layout host programs rely on; only
+    /// failures and destruction touch that table, never a successful read.
+    QString errorString() const;
+    /// The ALSA or system error code of that failure (a negative errno
+    /// value), or 0 when it had none or nothing failed.
+    int errorCode() const;
+
+protected:
+    /// For a device of one's own: records why an operation failed, which
+    /// errorString() and a provider's capture status then report. An empty
+    /// text clears the value. A device that never calls it is reported with
+    /// the provider's own message.
+    void setErrorString(const QString& text, int code = 0);
 };

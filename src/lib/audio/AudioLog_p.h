@@ -2,7 +2,7 @@
 
 // Internal logging conventions shared by every source file of the library.
 
-#include "LastError.h"
+#include "ErrorRegistry_p.h"
 #include "QuilPlatform.h"
 
 #include <log4cplus/logger.h>
@@ -28,21 +28,21 @@ namespace quil {
 namespace detail {
 
 // Logs text at ERROR, attributed to the caller's file, line and function, and
-// records it with code in *error when one is given: the caller then learns
-// the same reason that the log carries.
-inline void reportError(const log4cplus::Logger& log, LastError* error, long code, const std::string& text,
+// records it with code as the error value of owner when one is given: the
+// caller then learns the same reason that the log carries.
+inline void reportError(const log4cplus::Logger& log, const void* owner, long code, const std::string& text,
                         const char* file, int line, const char* function)
 {
     if (log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL))
         log.forcedLog(log4cplus::ERROR_LOG_LEVEL, text, file, line, function);
-    if (error)
-        error->set(QString::fromStdString(text), static_cast<int>(code));
+    if (owner)
+        ErrorRegistry::record(owner, QString::fromStdString(text), static_cast<int>(code));
 }
 
 // Logs (and records) message + snd_strerror(result) + suffix when result is negative.
 inline bool alsaFailed(const log4cplus::Logger& log, long result, const char* message,
                        const char* suffix, const char* file, int line, const char* function,
-                       LastError* error = nullptr)
+                       const void* error = nullptr)
 {
     if (result >= 0)
         return false;
@@ -57,7 +57,7 @@ inline bool alsaFailed(const log4cplus::Logger& log, long result, const char* me
 // Logs (and records) message + snd_strerror(code) + ") (" + code + ")": run-time
 // PCM errors carry the number too, as the text alone can be ambiguous.
 inline void logRuntimeError(const log4cplus::Logger& log, long code, const char* message,
-                            const char* file, int line, const char* function, LastError* error = nullptr)
+                            const char* file, int line, const char* function, const void* error = nullptr)
 {
     if (error || log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
         std::ostringstream text;
@@ -85,7 +85,7 @@ inline void logRuntimeError(const log4cplus::Logger& log, long code, const char*
     quil::detail::logRuntimeError(logger, (code), message, __FILE__, __LINE__, \
                                   LOG4CPLUS_MACRO_FUNCTION())
 
-// The same three, also recording the failure in the quil::LastError* error.
+// The same three, also recording the failure as the error value of the object `error`.
 #define QUIL_ALSA_FAILED_TO(error, result, message) \
     quil::detail::alsaFailed(logger, (result), message, "", __FILE__, __LINE__, \
                              LOG4CPLUS_MACRO_FUNCTION(), (error))
@@ -97,7 +97,7 @@ inline void logRuntimeError(const log4cplus::Logger& log, long code, const char*
                                   LOG4CPLUS_MACRO_FUNCTION(), (error))
 
 // LOG4CPLUS_ERROR(logger, streamed) that also records the text, with code
-// (0 when the failure has none), in the quil::LastError* error.
+// (0 when the failure has none), as the error value of the object `error`.
 #define QUIL_ERROR_TO(error, code, streamed)                                                   \
     do {                                                                                       \
         std::ostringstream quilErrorText_;                                                     \

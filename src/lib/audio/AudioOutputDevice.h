@@ -1,6 +1,5 @@
 #pragma once
 
-#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QByteArray>
@@ -14,7 +13,7 @@
 /// sampleRate() and channelCount() return int, as on AudioInputDevice, so that
 /// both device families read alike; every rate and channel count a device
 /// can run at fits.
-class QUIL_AUDIO_EXPORT AudioOutputDevice : public quil::ErrorReporting
+class QUIL_AUDIO_EXPORT AudioOutputDevice
 {
 public:
     /// How close() treats audio that is still queued.
@@ -51,4 +50,20 @@ public:
     virtual int channelCount() const = 0;
     /// Human-readable name for log messages.
     virtual QString name() const = 0;
+
+    /// Why this device's last failed operation failed: the text of the ERROR
+    /// line the library logged for it (a file device, which logs nothing,
+    /// gives its own text). Empty while nothing failed since the device was
+    /// made or last opened; later successes leave it, so read it right after
+    /// an operation reported failure. Kept outside the object, as for
+    /// AudioInputDevice::errorString(). Safe from any thread.
+    QString errorString() const;
+    /// The ALSA or system error code of that failure (a negative errno
+    /// value), or 0 when it had none or nothing failed.
+    int errorCode() const;
+
+protected:
+    /// For a device of one's own: records why an operation failed, as
+    /// errorString() reports it. An empty text clears the value.
+    void setErrorString(const QString& text, int code = 0);
 };

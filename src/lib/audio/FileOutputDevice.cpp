@@ -24,13 +24,12 @@ FileOutputDevice::~FileOutputDevice() = default;
 bool FileOutputDevice::open()
 {
     if (m_file.isOpen() || m_file.open(QIODevice::WriteOnly)) {
-        lastError().clear();
+        setErrorString(QString());
         return true;
     }
     // This device logs nothing; its caller still learns why.
     const int code = -errno;
-    lastError().set(QStringLiteral("Cannot open file: %1 (%2)").arg(m_file.fileName(), m_file.errorString()),
-                    code);
+    setErrorString(QStringLiteral("Cannot open file: %1 (%2)").arg(m_file.fileName(), m_file.errorString()), code);
     return false;
 }
 
@@ -50,12 +49,10 @@ AudioOutputDevice::WriteResult FileOutputDevice::write(const QByteArray& data)
 {
     if (!m_file.isOpen())
         return Written;
-    if (m_file.write(data) == data.size()) {
-        lastError().clear();
-    } else {
+    if (m_file.write(data) != data.size()) {
         const int code = -errno;
-        lastError().set(QStringLiteral("Cannot write to file: %1 (%2)").arg(m_file.fileName(), m_file.errorString()),
-                        code);
+        setErrorString(QStringLiteral("Cannot write to file: %1 (%2)").arg(m_file.fileName(), m_file.errorString()),
+                       code);
     }
     return Written;
 }

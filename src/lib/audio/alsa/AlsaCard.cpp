@@ -15,18 +15,21 @@ AlsaCard::AlsaCard(const QString& name, bool open)
         AlsaCard::open();
 }
 
-AlsaCard::~AlsaCard() = default;
+AlsaCard::~AlsaCard()
+{
+    quil::ErrorRegistry::clear(this);
+}
 
 bool AlsaCard::open()
 {
     if (!isOpen()) {
         // A handle that closed itself is replaced; the cache never hands out its
         // elements again, as they are all retired (see cachedElement()).
-        m_handle = AlsaMixerHandle::openHandle(m_name, &m_lastError);
+        m_handle = AlsaMixerHandle::openHandle(m_name, this);
         if (!isOpen())
             return false;
     }
-    m_lastError.clear();
+    quil::ErrorRegistry::clear(this);
     return true;
 }
 
@@ -40,46 +43,45 @@ QString AlsaCard::name() const
     return m_name;
 }
 
+// A card's own failure comes first; without one, a mixer that closed itself
+// speaks for the card.
 QString AlsaCard::errorString() const
 {
-    const QString text = m_lastError.text();
+    const QString text = quil::ErrorRegistry::text(this);
     return text.isEmpty() && m_handle && !m_handle->isOpen() ? m_handle->errorString() : text;
 }
 
 int AlsaCard::errorCode() const
 {
-    const QString text = m_lastError.text();
-    return text.isEmpty() && m_handle && !m_handle->isOpen() ? m_handle->errorCode() : m_lastError.code();
+    const QString text = quil::ErrorRegistry::text(this);
+    return text.isEmpty() && m_handle && !m_handle->isOpen() ? m_handle->errorCode() : quil::ErrorRegistry::code(this);
 }
 
 AlsaMixerElementPtr AlsaCard::loadMixerElement(const QString& name)
 {
     QUIL_TRACE_ENTRY(<< "Name: " << name << ", open " << isOpen());
     if (name.isEmpty()) {
-        QUIL_ERROR_TO(&m_lastError, 0, "Cannot load mixer element with empty name");
+        QUIL_ERROR_TO(this, 0, "Cannot load mixer element with empty name");
         return {};
     }
     if (!isOpen()) {
-        QUIL_ERROR_TO(&m_lastError, 0, "Cannot load mixer element, not opened " << m_name);
+        QUIL_ERROR_TO(this, 0, "Cannot load mixer element, not opened " << m_name);
         return {};
     }
 
     const QString fullName = m_handle->guessElementName(name);
     LOG4CPLUS_DEBUG(logger, "Search element by name: " << name << " -> " << fullName);
-    if (AlsaMixerElementPtr cached = cachedElement(fullName)) {
-        m_lastError.clear();
+    if (AlsaMixerElementPtr cached = cachedElement(fullName))
         return cached;
-    }
 
     snd_mixer_elem_t* elem = m_handle->findElement(fullName);
     if (!elem) {
-        QUIL_ERROR_TO(&m_lastError, 0, "Element '" << name << "' ('" << fullName << "') not found");
+        QUIL_ERROR_TO(this, 0, "Element '" << name << "' ('" << fullName << "') not found");
         return {};
     }
     LOG4CPLUS_TRACE(logger, "Element '" << fullName << "' at " << static_cast<const void*>(elem));
     AlsaMixerElementPtr element(new AlsaMixerElement(fullName, elem, m_handle));
     m_elements.insert(fullName, element);
-    m_lastError.clear();
     return element;
 }
 

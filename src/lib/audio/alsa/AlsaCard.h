@@ -2,7 +2,6 @@
 
 #include "AlsaMixerElement.h"
 #include "AlsaMixerHandle.h"
-#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QHash>
@@ -48,10 +47,11 @@ public:
     /// AlsaMixerHandle::guessElementName()), or null after logging why.
     AlsaMixerElementPtr loadMixerElement(const QString& name);
 
-    /// Why the last open() or loadMixerElement() failed, or else why an open
-    /// mixer closed itself (see isOpen()): the text of the ERROR line logged
-    /// for it. Empty until a failure, and again once open() or
-    /// loadMixerElement() succeeds.
+    /// Why the last failed open() or loadMixerElement() failed, or else why
+    /// an open mixer closed itself (see isOpen()): the text of the ERROR line
+    /// logged for it. Empty until a failure and again once open() succeeds;
+    /// a successful loadMixerElement() leaves it. Kept outside the object,
+    /// as for AudioInputDevice::errorString(). Safe from any thread.
     QString errorString() const;
     /// The ALSA error code of that failure (negative), or 0 when it had
     /// none (an element that is not there) or there was no failure.
@@ -63,5 +63,4 @@ private:
     QString m_name;
     QSharedPointer<AlsaMixerHandle> m_handle;
     QHash<QString, QWeakPointer<AlsaMixerElement>> m_elements;
-    quil::LastError m_lastError;
 };

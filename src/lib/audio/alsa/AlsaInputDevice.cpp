@@ -51,13 +51,13 @@ bool AlsaInputDevice::open()
 {
     QUIL_TRACE_ENTRY();
     if (m_pcm) {
-        lastError().clear();
+        setErrorString(QString());
         return true;
     }
 
     const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE);
     if (openResult < 0) {
-        QUIL_ERROR_TO(&lastError(), openResult, "Cannot open capture device '" << m_deviceName
+        QUIL_ERROR_TO(this, openResult, "Cannot open capture device '" << m_deviceName
                                                                << "': " << snd_strerror(openResult));
         return false;
     }
@@ -69,7 +69,7 @@ bool AlsaInputDevice::open()
             snd_pcm_hw_params_free(params);
         cleanupPcm(&m_pcm);
     });
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_malloc(&params),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_malloc(&params),
                          "Cannot allocate hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params allocated");
@@ -78,36 +78,36 @@ bool AlsaInputDevice::open()
 
     snd_pcm_hw_params_free(params);
     cleanup.dismiss();
-    lastError().clear();
+    setErrorString(QString());
     return true;
 }
 
 bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_any(m_pcm, params),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_any(m_pcm, params),
                          "Cannot initialize hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params initialized");
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
                          "Cannot set access type: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params access set");
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED_TO(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params format set: " << static_cast<int>(m_format));
 
     // Exact channel count and rate: the accessors must describe the delivered data.
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
                          "Cannot set channel count: "))
         return false;
     unsigned int channels = 0;
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_get_channels(params, &channels),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_get_channels(params, &channels),
                          "Cannot get channel count: "))
         return false;
     if (channels != m_channelCount) {
-        QUIL_ERROR_TO(&lastError(), 0, "Could not set channel count to: " << m_channelCount);
+        QUIL_ERROR_TO(this, 0, "Could not set channel count to: " << m_channelCount);
         return false;
     }
     LOG4CPLUS_TRACE(logger, "hw_params channels was set to: " << channels);
@@ -115,21 +115,21 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
     // ALSA's rate is unsigned: a negative one would reach it as a rate of some
     // four billion Hz, which plugins such as null accept.
     const int rateResult = m_sampleRate > 0 ? snd_pcm_hw_params_set_rate(m_pcm, params, m_sampleRate, 0) : -EINVAL;
-    if (QUIL_ALSA_FAILED_TO(&lastError(), rateResult, "Cannot set sample rate: "))
+    if (QUIL_ALSA_FAILED_TO(this, rateResult, "Cannot set sample rate: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
 
     snd_pcm_uframes_t periodFrames = quil::framesForMs(m_sampleRate, m_periodTimeMs);
-    if (QUIL_ALSA_FAILED_PAREN_TO(&lastError(),
+    if (QUIL_ALSA_FAILED_PAREN_TO(this,
             snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
             "Unable to set period size for playback: ("))
         return false;
     snd_pcm_uframes_t bufferFrames = quil::framesForMs(m_sampleRate, m_bufferTimeMs);
-    if (QUIL_ALSA_FAILED_PAREN_TO(&lastError(), snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
+    if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
                                "Unable to set buffer size for playback: ("))
         return false;
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params set");
     return true;
@@ -158,7 +158,7 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
     const qint64 frameBytes = static_cast<qint64>(bytesPerSample()) * m_channelCount;
     const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
     if (blockBytes < 0) {
-        QUIL_ERROR_TO(&lastError(), 0, "AlsaInputDevice: Cannot read " << frameCount << " frames into one block");
+        QUIL_ERROR_TO(this, 0, "AlsaInputDevice: Cannot read " << frameCount << " frames into one block");
         return false;
     }
     buffer->resize(static_cast<int>(blockBytes));
@@ -167,7 +167,6 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
         frames = snd_pcm_readi(m_pcm, buffer->data(), static_cast<snd_pcm_uframes_t>(frameCount));
         if (frames > 0) {
             buffer->resize(static_cast<int>(frames * frameBytes));
-            lastError().clear();
             return true;
         }
         if (frames == 0)
@@ -175,7 +174,7 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
         else if (!recoverAfterReadError(frames))
             return false;
     }
-    QUIL_ERROR_TO(&lastError(), frames, "AlsaInputDevice: Cannot read data: " << snd_strerror(static_cast<int>(frames)));
+    QUIL_ERROR_TO(this, frames, "AlsaInputDevice: Cannot read data: " << snd_strerror(static_cast<int>(frames)));
     cleanupPcm(&m_pcm);
     return false;
 }
@@ -185,10 +184,10 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
 bool AlsaInputDevice::recoverAfterReadError(snd_pcm_sframes_t error)
 {
     const int code = static_cast<int>(error);
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(&lastError(), code, readErrorPrefix(error));
+    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, readErrorPrefix(error));
     const int prepared = snd_pcm_prepare(m_pcm);
     if (prepared < 0) {
-        QUIL_ERROR_TO(&lastError(), prepared, "AlsaInputDevice: Cannot prepare audio interface for use: "
+        QUIL_ERROR_TO(this, prepared, "AlsaInputDevice: Cannot prepare audio interface for use: "
                                     << snd_strerror(prepared));
         cleanupPcm(&m_pcm);
         return false;

@@ -22,16 +22,14 @@ Function* side(AlsaElementMode mode, Function* playback, Function* capture)
 }
 
 // For the element's controls any result but 0 is a failure, positive ones
-// included; it is logged as the described action + " failed: " + the error text.
-// The outcome is also the element's last error: set on failure, cleared on success.
+// included; it is logged as the described action + " failed: " + the error
+// text, which also becomes the element's error value.
 template <class Describe>
-bool elementCallFailed(const log4cplus::Logger& log, quil::LastError* error, int result, Describe describe,
+bool elementCallFailed(const log4cplus::Logger& log, const void* error, int result, Describe describe,
                        const char* file, int line, const char* function)
 {
-    if (result == 0) {
-        error->clear();
+    if (result == 0)
         return false;
-    }
     std::ostringstream text;
     describe(text);
     text << " failed: " << snd_strerror(result);
@@ -42,7 +40,7 @@ bool elementCallFailed(const log4cplus::Logger& log, quil::LastError* error, int
 } // namespace
 
 #define QUIL_ELEMENT_CALL_FAILED(result, action)                                                   \
-    elementCallFailed(logger, &m_lastError, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
+    elementCallFailed(logger, this, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
                       __LINE__, LOG4CPLUS_MACRO_FUNCTION())
 
 AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem,
@@ -63,6 +61,7 @@ AlsaMixerElement::~AlsaMixerElement()
         snd_mixer_elem_set_callback(m_elem, nullptr);
         snd_mixer_elem_set_callback_private(m_elem, nullptr);
     }
+    quil::ErrorRegistry::clear(this);
 }
 
 QString AlsaMixerElement::name() const
@@ -72,14 +71,16 @@ QString AlsaMixerElement::name() const
 
 bool AlsaMixerElement::isUsable() const
 {
-    return !m_removed && m_handle->isOpen();
+    // A removed element's m_elem is freed memory; the mark stays outside the
+    // object, whose layout host programs rely on.
+    return m_handle->isOpen() && !quil::ErrorRegistry::isRetired(this);
 }
 
 bool AlsaMixerElement::isUsableLogged() const
 {
     if (isUsable())
         return true;
-    QUIL_ERROR_TO(&m_lastError, 0, "Mixer element " << m_name << " is no longer available");
+    QUIL_ERROR_TO(this, 0, "Mixer element " << m_name << " is no longer available");
     return false;
 }
 
@@ -231,12 +232,12 @@ bool AlsaMixerElement::getEnumItemName(unsigned int index, QString* name)
 
 QString AlsaMixerElement::errorString() const
 {
-    return m_lastError.text();
+    return quil::ErrorRegistry::text(this);
 }
 
 int AlsaMixerElement::errorCode() const
 {
-    return m_lastError.code();
+    return quil::ErrorRegistry::code(this);
 }
 
 int AlsaMixerElement::mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask)
@@ -250,7 +251,7 @@ int AlsaMixerElement::mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask
     // ALSA frees the element when this callback returns; a receiver of the
     // signal below already finds the object retired.
     if (mask == SND_CTL_EVENT_MASK_REMOVE)
-        element->m_removed = true;
+        quil::ErrorRegistry::retire(element);
     emit element->changed();
     return 0;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QObject>
@@ -85,8 +84,9 @@ public:
     static int mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask);
 
     /// Why the last failed call failed: the text of the ERROR line logged
-    /// for it. Empty until a failure, and again once a call that can fail
-    /// (the getters and setters above) succeeds.
+    /// for it. Empty until a failure; later successes leave it, so read it
+    /// right after a call reported failure. Kept outside the object, as for
+    /// AudioInputDevice::errorString(). Safe from any thread.
     QString errorString() const;
     /// The ALSA error code of that failure, or 0 when it had none (an
     /// element that is no longer available) or there was no failure.
@@ -105,9 +105,6 @@ private:
     QString m_name;
     _snd_mixer_elem* m_elem;
     QSharedPointer<AlsaMixerHandle> m_handle;
-    // Set when ALSA removed the element: m_elem is freed once the callback returns.
-    bool m_removed = false;
-    mutable quil::LastError m_lastError;
 };
 
 /// How elements are handed to clients.

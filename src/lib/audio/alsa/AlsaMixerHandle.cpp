@@ -16,6 +16,7 @@ AlsaMixerHandle::AlsaMixerHandle(_snd_mixer* mixer)
 AlsaMixerHandle::~AlsaMixerHandle()
 {
     close();
+    quil::ErrorRegistry::clear(this);
 }
 
 QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name)
@@ -23,7 +24,7 @@ QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name)
     return openHandle(name, nullptr);
 }
 
-QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name, quil::LastError* error)
+QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name, const void* error)
 {
     QUIL_TRACE_ENTRY(<< "Name: " << name);
     snd_mixer_t* mixer = nullptr;
@@ -48,7 +49,7 @@ QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name,
 
 // A mixer without descriptors could never report a change, so it counts as a
 // failure rather than as a handle without events.
-bool AlsaMixerHandle::fetchPollDescriptors(quil::LastError* error)
+bool AlsaMixerHandle::fetchPollDescriptors(const void* error)
 {
     const int count = snd_mixer_poll_descriptors_count(m_mixer);
     if (count <= 0) {
@@ -152,25 +153,25 @@ void AlsaMixerHandle::on_alsaMixerEvent_received(int fd)
         return;
     const unsigned short revents = pendingPollEvents();
     if (revents & (POLLERR | POLLNVAL)) {
-        QUIL_ERROR_TO(&m_lastError, 0, "POLLERR | POLLNVAL: " << revents);
+        QUIL_ERROR_TO(this, 0, "POLLERR | POLLNVAL: " << revents);
         close();
         return;
     }
     // A backend that died (e.g. a sound server that went away) fails here on
     // every wake-up while its descriptor stays readable: without closing, the
     // event loop would come straight back, spinning a core.
-    if (QUIL_ALSA_FAILED_TO(&m_lastError, snd_mixer_handle_events(m_mixer), "Mixer event handling error: "))
+    if (QUIL_ALSA_FAILED_TO(this, snd_mixer_handle_events(m_mixer), "Mixer event handling error: "))
         close();
 }
 
 QString AlsaMixerHandle::errorString() const
 {
-    return m_lastError.text();
+    return quil::ErrorRegistry::text(this);
 }
 
 int AlsaMixerHandle::errorCode() const
 {
-    return m_lastError.code();
+    return quil::ErrorRegistry::code(this);
 }
 
 // The notifier tells only that some descriptor woke up; a poll() without

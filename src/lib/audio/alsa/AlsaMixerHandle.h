@@ -1,6 +1,5 @@
 #pragma once
 
-#include "LastError.h"
 #include "QuilAudioGlobal.h"
 
 #include <QList>
@@ -44,9 +43,6 @@ public:
     /// "default") and starts watching its poll descriptors. Null after logging
     /// the failing step.
     static QSharedPointer<AlsaMixerHandle> openHandle(const QString& name);
-    /// The same, also recording the failing step's log text and ALSA code
-    /// in *error (which may be null); leaves *error alone on success.
-    static QSharedPointer<AlsaMixerHandle> openHandle(const QString& name, quil::LastError* error);
 
     /// Names of the active simple elements in mixer order, once per index.
     QList<QString> buildElementList();
@@ -61,7 +57,8 @@ public:
     void close();
     /// True until close(), the destructor, or a poll or event error.
     bool isOpen() const;
-    /// Why the handle closed itself (the logged poll or event error), or empty.
+    /// Why the handle closed itself (the logged poll or event error), or
+    /// empty. Safe from any thread.
     QString errorString() const;
     /// The ALSA error code of that failure, or 0 (a poll error has none).
     int errorCode() const;
@@ -70,12 +67,16 @@ private slots:
     void on_alsaMixerEvent_received(int fd);
 
 private:
-    bool fetchPollDescriptors(quil::LastError* error);
+    friend class AlsaCard; // learns why an open failed
+
+    /// openHandle(name) that also records the failing step's log text and
+    /// ALSA code as the error value of the object errorOwner (may be null).
+    static QSharedPointer<AlsaMixerHandle> openHandle(const QString& name, const void* errorOwner);
+    bool fetchPollDescriptors(const void* error);
     void watchPollDescriptors();
     unsigned short pendingPollEvents();
 
     _snd_mixer* m_mixer;
     QVector<pollfd> m_pollFds;
     QList<QSocketNotifier*> m_notifiers;
-    quil::LastError m_lastError;
 };

@@ -126,13 +126,13 @@ bool AlsaOutputDevice::open()
 {
     QUIL_TRACE_ENTRY();
     if (m_pcm) {
-        lastError().clear();
+        setErrorString(QString());
         return true;
     }
 
     const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK);
     if (openResult < 0) {
-        QUIL_ERROR_TO(&lastError(), openResult, "Cannot open playback device '" << m_deviceName
+        QUIL_ERROR_TO(this, openResult, "Cannot open playback device '" << m_deviceName
                                                                 << "': " << snd_strerror(openResult));
         return false;
     }
@@ -146,7 +146,7 @@ bool AlsaOutputDevice::open()
         return false;
     LOG4CPLUS_TRACE(logger, "sw params set");
     cleanup.dismiss();
-    lastError().clear();
+    setErrorString(QString());
     return true;
 }
 
@@ -155,23 +155,23 @@ bool AlsaOutputDevice::setHwParams()
     snd_pcm_hw_params_t* params = nullptr;
     snd_pcm_hw_params_alloca(&params);
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_any(m_pcm, params),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_any(m_pcm, params),
                          "Cannot initialize hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams initialized");
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
                          "Cannot set access type: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams access set");
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED_TO(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams format set: " << static_cast<int>(m_format));
 
     if (!negotiateChannels(params) || !negotiateRate(params) || !requestPeriodAndBuffer(params))
         return false;
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
         return false;
     return readBackPeriodAndBuffer(params);
 }
@@ -179,11 +179,11 @@ bool AlsaOutputDevice::setHwParams()
 bool AlsaOutputDevice::negotiateChannels(snd_pcm_hw_params_t* params)
 {
     m_channels = m_requestedChannels;
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_hw_params_set_channels_near(m_pcm, params, &m_channels),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_channels_near(m_pcm, params, &m_channels),
                          "Cannot set channel count: "))
         return false;
     if (m_channels != m_requestedChannels && !m_channelsNear) {
-        QUIL_ERROR_TO(&lastError(), 0, "Could not set channel count to: " << m_requestedChannels);
+        QUIL_ERROR_TO(this, 0, "Could not set channel count to: " << m_requestedChannels);
         return false;
     }
     LOG4CPLUS_TRACE(logger, "hwParams channels was set to: " << m_channels);
@@ -198,10 +198,10 @@ bool AlsaOutputDevice::negotiateRate(snd_pcm_hw_params_t* params)
     const int result = m_sampleRate <= static_cast<unsigned int>(std::numeric_limits<int>::max())
         ? snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr)
         : -EINVAL;
-    if (QUIL_ALSA_FAILED_TO(&lastError(), result, "Cannot set sample rate: "))
+    if (QUIL_ALSA_FAILED_TO(this, result, "Cannot set sample rate: "))
         return false;
     if (m_sampleRate != m_requestedSampleRate && !m_samplerateNear) {
-        QUIL_ERROR_TO(&lastError(), 0, "Could not set sample rate to: " << m_requestedSampleRate);
+        QUIL_ERROR_TO(this, 0, "Could not set sample rate to: " << m_requestedSampleRate);
         return false;
     }
     LOG4CPLUS_TRACE(logger, "hwParams rate set: " << m_sampleRate);
@@ -214,14 +214,14 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
 {
     if (const auto period = requestedFrames(m_requestedPeriodSize, m_requestedPeriodTimeMs, m_sampleRate)) {
         m_periodSize = *period;
-        if (QUIL_ALSA_FAILED_PAREN_TO(&lastError(),
+        if (QUIL_ALSA_FAILED_PAREN_TO(this,
                 snd_pcm_hw_params_set_period_size_near(m_pcm, params, &m_periodSize, nullptr),
                 "Unable to set period size for playback: ("))
             return false;
     }
     if (const auto buffer = requestedFrames(m_requestedBufferSize, m_requestedBufferTimeMs, m_sampleRate)) {
         m_bufferSize = *buffer;
-        if (QUIL_ALSA_FAILED_PAREN_TO(&lastError(), snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &m_bufferSize),
+        if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &m_bufferSize),
                                    "Unable to set buffer size for playback: ("))
             return false;
     }
@@ -230,10 +230,10 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
 
 bool AlsaOutputDevice::readBackPeriodAndBuffer(snd_pcm_hw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED_PAREN_TO(&lastError(), snd_pcm_hw_params_get_period_size(params, &m_periodSize, nullptr),
+    if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_get_period_size(params, &m_periodSize, nullptr),
                                "Unable to get period size for playback: ("))
         return false;
-    return !QUIL_ALSA_FAILED_PAREN_TO(&lastError(), snd_pcm_hw_params_get_buffer_size(params, &m_bufferSize),
+    return !QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_get_buffer_size(params, &m_bufferSize),
                                    "Unable to get buffer size for playback: (");
 }
 
@@ -242,14 +242,14 @@ bool AlsaOutputDevice::setSwParams()
     snd_pcm_sw_params_t* params = nullptr;
     snd_pcm_sw_params_alloca(&params);
 
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_sw_params_current(m_pcm, params),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_current(m_pcm, params),
                          "Unable to determine current swparams for playback: "))
         return false;
     if (!applyStartThreshold(params))
         return false;
     if (m_tstampEnabled && !applyTimestamps(params))
         return false;
-    return !QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_sw_params(m_pcm, params),
+    return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params(m_pcm, params),
                              "Unable to set sw params for playback: ");
 }
 
@@ -260,7 +260,7 @@ bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
     const auto threshold =
         requestedFrames(m_requestedStartThreshold, m_requestedStartThresholdMs, m_sampleRate);
     if (!threshold) {
-        return !QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_sw_params_get_start_threshold(params, &m_startThreshold),
+        return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_get_start_threshold(params, &m_startThreshold),
                                  "Unable to get start threshold mode for playback: ");
     }
     m_startThreshold = *threshold;
@@ -268,7 +268,7 @@ bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
         LOG4CPLUS_WARN(logger, "Start threshold is bigger then buffer size, setting to: " << m_bufferSize);
         m_startThreshold = m_bufferSize;
     }
-    return !QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_sw_params_set_start_threshold(m_pcm, params, m_startThreshold),
+    return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_set_start_threshold(m_pcm, params, m_startThreshold),
                              "Unable to set start threshold mode for playback: ");
 }
 
@@ -276,10 +276,10 @@ bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
 // must take it on that clock.
 bool AlsaOutputDevice::applyTimestamps(snd_pcm_sw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED_TO(&lastError(), snd_pcm_sw_params_set_tstamp_mode(m_pcm, params, SND_PCM_TSTAMP_ENABLE),
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_set_tstamp_mode(m_pcm, params, SND_PCM_TSTAMP_ENABLE),
                          "Unable to set tstamp mode for playback: "))
         return false;
-    return !QUIL_ALSA_FAILED_TO(&lastError(),
+    return !QUIL_ALSA_FAILED_TO(this,
         snd_pcm_sw_params_set_tstamp_type(m_pcm, params, SND_PCM_TSTAMP_TYPE_MONOTONIC_RAW),
         "Unable to set tstamp type for playback: ");
 }
@@ -311,7 +311,6 @@ AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
             return closeAfterWriteError(static_cast<int>(result));
         written += static_cast<snd_pcm_uframes_t>(result);
     }
-    lastError().clear();
     return Written;
 }
 
@@ -319,18 +318,18 @@ AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
 // frames of the block not yet taken are dropped rather than played late.
 AudioOutputDevice::WriteResult AlsaOutputDevice::recoverFromWriteXrun(int code)
 {
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(&lastError(), code, "AlsaOutputDevice: error while writing: an xrun occurred (EPIPE: ");
+    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, "AlsaOutputDevice: error while writing: an xrun occurred (EPIPE: ");
     const int recovered = snd_pcm_recover(m_pcm, code, 0);
     if (recovered >= 0)
         return XrunRecovered;
-    QUIL_ERROR_TO(&lastError(), recovered, "AlsaOutputDevice: error while recover, closing");
+    QUIL_ERROR_TO(this, recovered, "AlsaOutputDevice: error while recover, closing");
     cleanupPcm(&m_pcm);
     return DeviceClosed;
 }
 
 AudioOutputDevice::WriteResult AlsaOutputDevice::closeAfterWriteError(int code)
 {
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(&lastError(), code, "AlsaOutputDevice: error while writing: (");
+    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, "AlsaOutputDevice: error while writing: (");
     cleanupPcm(&m_pcm);
     return DeviceClosed;
 }
@@ -344,12 +343,12 @@ int AlsaOutputDevice::framesReady() const
         return static_cast<int>(frames);
     const int code = static_cast<int>(frames);
     if (code == -EPIPE) {
-        QUIL_LOG_ALSA_RUNTIME_ERROR_TO(&lastError(),
+        QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this,
             code, "AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ");
         snd_pcm_recover(m_pcm, code, 0);
         return 0;
     }
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(&lastError(), code, "AlsaOutputDevice: error while getting available frames: (");
+    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, "AlsaOutputDevice: error while getting available frames: (");
     return -1;
 }
 
@@ -361,7 +360,7 @@ int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
     snd_pcm_status_alloca(&status);
     const int statusResult = snd_pcm_status(m_pcm, status);
     if (statusResult != 0) {
-        QUIL_ERROR_TO(&lastError(), statusResult, "AlsaOutputDevice: failed to get pcm status, clear last rendering delay");
+        QUIL_ERROR_TO(this, statusResult, "AlsaOutputDevice: failed to get pcm status, clear last rendering delay");
         return -1;
     }
     snd_htimestamp_t statusTime{};
