@@ -4,8 +4,9 @@
 
 # Building the library and its tool.
 QUIL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config qtbase5-dev libasound2-dev liblog4cplus-dev libsndfile1-dev help2man)
-# The test suite: GoogleTest and Google Benchmark, and sox to read back the files the tool writes.
-QUIL_TEST_PACKAGES=(libgtest-dev libbenchmark-dev sox)
+# The test suite: GoogleTest and Google Benchmark, sox to read back the files the tool
+# writes, and libabigail for the ABI check (scripts/abi-check.sh).
+QUIL_TEST_PACKAGES=(libgtest-dev libbenchmark-dev sox abigail-tools)
 # Debian packages of the build: CPack's DEB generator needs dpkg-shlibdeps
 # (dpkg-dev) and file; lintian checks the result, man reads the manual page.
 QUIL_PACKAGING_PACKAGES=(dpkg-dev file lintian man-db)

@@ -1,0 +1,244 @@
+// Built as a host program is built: the classes below are declared from their
+// published layouts alone, without the library's headers, and the program
+// runs on libquil_audio.so. A field, base or virtual function the library
+// adds to them shows here as a crash, a sanitizer report or a broken canary.
+
+#include "CMDataTransfer.h"
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QString>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <alsa/asoundlib.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <new>
+
+class AudioInputDevice
+{
+public:
+    virtual ~AudioInputDevice();
+    virtual bool open() = 0;
+    virtual void close() = 0;
+    virtual bool isOpened() = 0;
+    virtual bool read(QByteArray* buffer, int frameCount) = 0;
+    virtual int sampleRate() const = 0;
+    virtual int bytesPerSample() const = 0;
+    virtual int channelCount() const = 0;
+    virtual QString name() const = 0;
+};
+
+class AlsaInputDevice : public AudioInputDevice
+{
+public:
+    AlsaInputDevice(const QString& deviceName, int sampleRate, unsigned int channelCount,
+                    _snd_pcm_format format, int periodTimeMs, int bufferTimeMs);
+    ~AlsaInputDevice() override;
+    bool open() override;
+    void close() override;
+    bool isOpened() override;
+    bool read(QByteArray* buffer, int frameCount) override;
+    int sampleRate() const override;
+    int bytesPerSample() const override;
+    int channelCount() const override;
+    QString name() const override;
+    void cleanupPcm(snd_pcm_t** pcm);
+
+    QString m_deviceName;
+    int m_sampleRate;
+    unsigned int m_channelCount;
+    _snd_pcm_format m_format;
+    int m_periodTimeMs;
+    int m_bufferTimeMs;
+    snd_pcm_t* m_pcm;
+};
+
+class AudioOutputDevice
+{
+public:
+    enum CloseMode { Immediate = 0, Drain = 1 };
+    enum WriteResult { Written = 0, XrunRecovered = 1, DeviceClosed = 2 };
+    virtual ~AudioOutputDevice();
+    virtual bool open() = 0;
+    virtual void close(AudioOutputDevice::CloseMode mode) = 0;
+    virtual bool isOpened() = 0;
+    virtual AudioOutputDevice::WriteResult write(const QByteArray& data) = 0;
+    virtual int framesReady() const = 0;
+    virtual int sampleRate() const = 0;
+    virtual int bytesPerSample() const = 0;
+    virtual int channelCount() const = 0;
+    virtual QString name() const = 0;
+};
+
+class FileOutputDevice : public AudioOutputDevice
+{
+public:
+    FileOutputDevice(const QString& fileName, int sampleRate, int channelCount, _snd_pcm_format format);
+    ~FileOutputDevice() override;
+    bool open() override;
+    void close(AudioOutputDevice::CloseMode mode) override;
+    bool isOpened() override;
+    AudioOutputDevice::WriteResult write(const QByteArray& data) override;
+    int framesReady() const override;
+    int sampleRate() const override;
+    int bytesPerSample() const override;
+    int channelCount() const override;
+    QString name() const override;
+
+    QFile m_file;
+    int m_sampleRate;
+    int m_channelCount;
+    _snd_pcm_format m_format;
+};
+
+class AudioInputDataProviderThread;
+
+class AudioInputDataProvider
+{
+public:
+    AudioInputDataProvider(AudioInputDevice* device, unsigned int bufferDurationMs, unsigned int oneReadSizeFrames);
+    virtual ~AudioInputDataProvider();
+    void start();
+    void stop();
+    CMUnbufferedDataTransfer liveFeed() const;
+
+private:
+    AudioInputDataProviderThread* m_thread;
+};
+
+namespace {
+
+// A host's capture device: its own fields right after the interface's vtable
+// pointer, where a library field in the interface would sit. The first read fails.
+class HostInputDevice : public AudioInputDevice
+{
+public:
+    bool open() override { return ++m_opens, true; }
+    void close() override {}
+    bool isOpened() override { return true; }
+    bool read(QByteArray* buffer, int frameCount) override
+    {
+        if (m_reads++ == 0)
+            return false;
+        *buffer = QByteArray(frameCount * 4, char(m_reads));
+        return true;
+    }
+    int sampleRate() const override { return 48000; }
+    int bytesPerSample() const override { return 2; }
+    int channelCount() const override { return 2; }
+    QString name() const override { return QStringLiteral("Host Device"); }
+
+    std::atomic<int> m_opens{0};
+    std::atomic<int> m_reads{0};
+};
+
+class HostOutputDevice : public AudioOutputDevice
+{
+public:
+    bool open() override { return true; }
+    void close(CloseMode) override {}
+    bool isOpened() override { return true; }
+    WriteResult write(const QByteArray& data) override { return m_bytes += data.size(), Written; }
+    int framesReady() const override { return 1; }
+    int sampleRate() const override { return 8000; }
+    int bytesPerSample() const override { return 1; }
+    int channelCount() const override { return 1; }
+    QString name() const override { return QStringLiteral("Host Output"); }
+
+    int m_bytes = 0;
+};
+
+// Constructs T, as this program sees its size, in front of a canary that the
+// library's code must leave alone, runs use() on it and destroys it.
+template <class T, class Use, class... Args>
+void inCanaryStorage(Use use, Args&&... args)
+{
+    alignas(T) unsigned char storage[sizeof(T) + 64];
+    std::memset(storage, 0xA5, sizeof storage);
+    T* object = new (storage) T(std::forward<Args>(args)...);
+    use(object);
+    object->~T();
+    for (size_t i = sizeof(T); i < sizeof storage; ++i)
+        ASSERT_EQ(storage[i], 0xA5) << "byte " << i << " past the object was written";
+}
+
+bool waitFor(const std::function<bool()>& condition)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition() && timer.elapsed() < 10000)
+        QThread::msleep(5);
+    return condition();
+}
+
+} // namespace
+
+TEST(HostBuilt, InterfacesHoldOnlyTheirVtablePointer)
+{
+    EXPECT_EQ(sizeof(AudioInputDevice), sizeof(void*));
+    EXPECT_EQ(sizeof(AudioOutputDevice), sizeof(void*));
+}
+
+// The provider reads the host's device through a failed read and its restart
+// 2000 ms later; the live feed then gets the host's blocks.
+TEST(HostBuilt, ProviderRestartsAHostDeviceAfterAFailedRead)
+{
+    int argc = 1;
+    char name[] = "host_built_test";
+    char* argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    HostInputDevice device;
+    std::atomic<int> blocks{0};
+    {
+        AudioInputDataProvider provider(&device, 100, 480);
+        CMUnbufferedDataTransfer live = provider.liveFeed();
+        live.onDataAvailable([&](const QByteArray& block) {
+            if (block.size() == 480 * 4 && block.at(0) >= 2)
+                ++blocks;
+        });
+        provider.start();
+        EXPECT_TRUE(waitFor([&] { return blocks >= 3; }));
+        EXPECT_EQ(device.m_opens, 2);
+        provider.stop();
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+TEST(HostBuilt, LibraryConstructorsFitTheSizesTheHostAllocates)
+{
+    inCanaryStorage<AlsaInputDevice>([](AlsaInputDevice* device) {
+        EXPECT_EQ(device->m_deviceName, QStringLiteral("null"));
+        EXPECT_EQ(device->m_bufferTimeMs, 100);
+        EXPECT_EQ(device->m_pcm, nullptr);
+        ASSERT_TRUE(device->open());
+        EXPECT_NE(device->m_pcm, nullptr);
+        QByteArray block;
+        EXPECT_TRUE(device->read(&block, 64));
+        EXPECT_EQ(block.size(), 64 * 4);
+    }, QStringLiteral("null"), 48000, 2u, SND_PCM_FORMAT_S16_LE, 20, 100);
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath("out.raw");
+    inCanaryStorage<FileOutputDevice>([&](FileOutputDevice* device) {
+        EXPECT_EQ(device->m_sampleRate, 8000);
+        EXPECT_EQ(device->m_format, SND_PCM_FORMAT_U8);
+        AudioOutputDevice* output = device;
+        ASSERT_TRUE(output->open());
+        EXPECT_EQ(output->write("host"), AudioOutputDevice::Written);
+        EXPECT_EQ(output->bytesPerSample(), 1);
+    }, path, 8000, 1, SND_PCM_FORMAT_U8);
+    QFile written(path);
+    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
+    EXPECT_EQ(written.readAll(), QByteArray("host"));
+
+    HostOutputDevice output;
+    AudioOutputDevice* base = &output;
+    EXPECT_EQ(base->write("abc"), AudioOutputDevice::Written);
+    EXPECT_EQ(output.m_bytes, 3);
+}
