@@ -15,6 +15,13 @@ namespace quil {
 // 0 bytes so that no caller multiplies with an error code.
 inline int bytesPerSampleOf(snd_pcm_format_t format)
 {
+    // The usual formats without a call into libasound: read() and write()
+    // size every block with this.
+    switch (format) {
+    case SND_PCM_FORMAT_S16_LE: return 2;
+    case SND_PCM_FORMAT_S32_LE: case SND_PCM_FORMAT_FLOAT_LE: return 4;
+    default: break;
+    }
     const int width = snd_pcm_format_width(format);
     return width > 0 ? width / 8 : 0;
 }

@@ -155,7 +155,7 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
 
     // Plugins accept up to 2^30 channels, so the block size is computed in 64
     // bits; one too large for a QByteArray is not read at all.
-    const qint64 frameBytes = static_cast<qint64>(bytesPerSample()) * m_channelCount;
+    const qint64 frameBytes = static_cast<qint64>(quil::bytesPerSampleOf(m_format)) * m_channelCount;
     const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
     if (blockBytes < 0) {
         QUIL_ERROR_TO(this, 0, "AlsaInputDevice: Cannot read " << frameCount << " frames into one block");

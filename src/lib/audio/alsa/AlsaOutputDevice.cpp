@@ -295,7 +295,7 @@ AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
     // another. ALSA reads frames of that size, so counting with the requested
     // count could send it past the end of the block.
     const snd_pcm_uframes_t frameBytes =
-        static_cast<snd_pcm_uframes_t>(m_channels) * static_cast<unsigned int>(bytesPerSample());
+        static_cast<snd_pcm_uframes_t>(m_channels) * static_cast<unsigned int>(quil::bytesPerSampleOf(m_format));
     // No channels, or a format narrower than a byte: the block holds no whole frame.
     if (frameBytes == 0)
         return Written;
