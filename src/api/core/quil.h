@@ -112,11 +112,8 @@ T* createInNewQThread(const QString& threadName, Args&&... args)
 {
     auto* thread = new NewQThread<T, Args...>(threadName, std::forward<Args>(args)...);
     quilConnect(thread, &QThread::finished, thread, &QObject::deleteLater, Qt::AutoConnection);
-    // run() holds the mutex from before construction until after the wake-up,
-    // and we hold it from before start(), so the wake-up cannot be missed and
-    // the object cannot exist before the first wait: m_object is read only
-    // after a wake-up, never alongside its write (which ThreadSanitizer,
-    // blind to QMutex, would otherwise report).
+    // Held from before start(), as run() holds it from before construction:
+    // the wake-up cannot be missed, and m_object is read only after it.
     thread->m_creationMutex.lock();
     thread->start(QThread::InheritPriority);
     do {

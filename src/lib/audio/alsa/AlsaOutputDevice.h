@@ -11,14 +11,13 @@
 
 /// Plays interleaved PCM through an ALSA playback PCM opened in blocking mode.
 ///
-/// The sample format is always set exactly; one whose samples are not whole
-/// bytes in memory (padded like S24_LE, narrower, or without a width) is
-/// refused, since write() counts frames in bytesPerSample() units. Rate and channel count are set
-/// exactly unless enableSamplerateNear() / enableChannelsNear() allow ALSA's
-/// nearest choice. Period, buffer and start threshold may each be asked for in
-/// milliseconds or in frames (the later setter of a pair wins) or be left to
-/// ALSA. Configuration takes effect at the next open(); the queries report the
-/// values negotiated by the last open(), which survive close().
+/// The sample format is set exactly; one whose samples are not whole bytes in
+/// memory (padded like S24_LE, narrower, or without a width) is refused. Rate
+/// and channel count are exact unless enableSamplerateNear() / enableChannelsNear().
+///
+/// Period, buffer and start threshold may each be asked for in milliseconds or
+/// in frames (the later setter of a pair wins) or be left to ALSA. Configuration
+/// takes effect at the next open(); the queries report the last open()'s values.
 ///
 /// write() blocks until ALSA has taken the block, which paces the caller in
 /// real time. An xrun is recovered and reported; any other write error closes
