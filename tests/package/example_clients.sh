@@ -53,10 +53,15 @@ source "$server/env"
 set +a
 scale=${QUIL_TEST_TIME_SCALE:-1}
 run() {
-    echo "-- $*"
-    "${emulator[@]}" "$work/cmake/$@"
+    local example=$1
+    shift
+    echo "-- $example $*"
+    "${emulator[@]}" "$work/cmake/$example" "$@"
 }
-run capture_preroll pulse 1
+# The first feed gets its 300 ms of pre-roll and live audio; the restarted capture's, live audio.
+preroll=$(run capture_preroll pulse 1)
+echo "$preroll"
+awk '/^first run/ { first = $3 } /^second run/ { second = $3 } END { exit !(first > 300 && second > 0) }' <<<"$preroll"
 run playback_delay pulse 1
 run capture_status pulse 1
 # A PCM that does not open: the listener gets the reason, the example exits 1.
@@ -66,8 +71,7 @@ if run capture_status no_such_pcm 1 2>/dev/null; then
 fi
 
 # The watcher reports a change that another program makes: pactl, once the
-# element is watched; the sink's volume is given back afterwards.
-volume=$(pactl get-sink-volume @DEFAULT_SINK@ | grep -o '[0-9]*%' | head -n 1)
+# element is watched.
 run mixer_watch pulse master $((2 * scale)) >"$work/mixer_watch.out" &
 watcher=$!
 for ((tries = 200 * scale; tries > 0; tries--)); do
@@ -76,6 +80,5 @@ for ((tries = 200 * scale; tries > 0; tries--)); do
 done
 pactl set-sink-volume @DEFAULT_SINK@ 50%
 wait "$watcher"
-pactl set-sink-volume @DEFAULT_SINK@ "$volume"
 cat "$work/mixer_watch.out"
 grep -q "^changed 'Master': volume 32768" "$work/mixer_watch.out"
