@@ -18,8 +18,15 @@ file(GLOB QUIL_AUDIO_PUBLIC_HEADERS CONFIGURE_DEPENDS
 list(FILTER QUIL_AUDIO_PUBLIC_HEADERS EXCLUDE REGEX "_p\\.h$")
 install(FILES ${QUIL_AUDIO_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_audio
     COMPONENT development)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/api/platform/
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_api COMPONENT development FILES_MATCHING PATTERN "*.h")
+file(GLOB QUIL_API_PUBLIC_HEADERS CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/api/platform/*.h)
+install(FILES ${QUIL_API_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quil_api COMPONENT development)
+
+# The README, the examples and the API reference (docs/CMakeLists.txt) go
+# with the headers into the -dev package's documentation folder: whoever
+# builds against the library reads them, and they are too small for a package of their own.
+set(QUIL_AUDIO_DEV_DOC_DIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/libquil-audio-dev)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${QUIL_AUDIO_DEV_DOC_DIR} COMPONENT development)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${QUIL_AUDIO_DEV_DOC_DIR} COMPONENT development)
 
 install(EXPORT QuilAudioTargets NAMESPACE QuilAudio:: DESTINATION ${QUIL_AUDIO_CMAKE_DIR}
     COMPONENT development)

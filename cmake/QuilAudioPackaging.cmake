@@ -1,7 +1,8 @@
 # Debian packages made by CPack from the install rules, one per component
 # (scripts/package.sh builds them):
 #   libquil-audio<major>  runtime: libquil_audio.so.<major>, libquil_api.so.<major>
-#   libquil-audio-dev     development: headers, CMake package, pkg-config file
+#   libquil-audio-dev     development: headers, CMake package, pkg-config file,
+#                         the API reference, the README and the examples
 #   quil-audio            tool: quil-audio and its manual page
 # Their library dependencies are found by dpkg-shlibdeps (Debian dpkg-dev).
 set(QUIL_DEB_RUNTIME libquil-audio${PROJECT_VERSION_MAJOR})
@@ -76,8 +77,9 @@ libquil_audio gives a device's programs one object model for audio on ALSA:
 capture, distribution to live and time-shifted consumers, playback and
 simple-mixer control, built on Qt 5 Core and log4cplus.
 .
-This package holds the headers, the CMake package (find_package(QuilAudio))
-and the pkg-config file (quil_audio).")
+This package holds the headers, the CMake package (find_package(QuilAudio)),
+the pkg-config file (quil_audio), the API reference in HTML, and example
+programs, one task each.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${QUIL_DEB_TOOL})
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION sound)

@@ -12,7 +12,7 @@ build=${2:-build/package}
 
 # shellcheck source=scripts/lib/packages.sh
 source scripts/lib/packages.sh
-install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_PACKAGING_PACKAGES[@]}"
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}"
 
 # CMake reads no CPPFLAGS: the fortify level goes in with the compiler flags.
 CFLAGS="$(dpkg-buildflags --get CFLAGS) $(dpkg-buildflags --get CPPFLAGS)"
@@ -22,7 +22,7 @@ export CFLAGS CXXFLAGS LDFLAGS
 
 # Installed under /usr, the tool finds the libraries without an RPATH.
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
-    -DCMAKE_SKIP_INSTALL_RPATH=ON -DQUIL_AUDIO_BUILD_TESTS=OFF >/dev/null
+    -DCMAKE_SKIP_INSTALL_RPATH=ON -DQUIL_AUDIO_BUILD_TESTS=OFF -DQUIL_AUDIO_BUILD_DOCS=ON >/dev/null
 cmake --build "$build"
 mkdir -p "$output"
 (cd "$build" && cpack -G DEB -B "$output" >/dev/null)

@@ -26,7 +26,7 @@ run_suite() {
 }
 
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}" \
-    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}"
+    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}"
 echo "== packages: $SECONDS s"
 
 run_suite test ""

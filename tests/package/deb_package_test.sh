@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the Debian packages (scripts/package.sh, in PACKAGE_BUILD_DIR, kept
-# between runs), unpacks them into a temporary root and builds the example
-# client against that root; runs the unpacked tool, reads its manual page
-# and has lintian check the packages.
+# between runs), unpacks them into a temporary root, checks that the -dev
+# package holds the reference, and builds and runs the examples it ships
+# against that root; runs the unpacked tool, reads its manual page and has
+# lintian check the packages.
 # Usage: deb_package_test.sh SOURCE_DIR PACKAGE_BUILD_DIR
 set -euo pipefail
 source=$1 build=$2
@@ -14,12 +15,15 @@ root=$work/root
 for deb in "$work"/debs/*.deb; do
     dpkg-deb -x "$deb" "$root"
 done
+doc=$root/usr/share/doc/libquil-audio-dev
+test -f "$doc/html/index.html" && test -f "$doc/README.md"
+# Unpacked, the libraries are outside the system's library path.
+libdir=$(dirname "$(find "$root" -name libquil_audio.so.0 -print -quit)")
+export LD_LIBRARY_PATH=$libdir
 bash "$(dirname "$0")/example_clients.sh" "$root/usr" "$source" "$work"
 
 echo "== unpacked tool and its manual page"
 tool=$root/usr/bin/quil-audio
-libdir=$(dirname "$(find "$root" -name libquil_audio.so.0 -print -quit)")
-export LD_LIBRARY_PATH=$libdir
 "$tool" --version
 # Every command and every option of it that --help names must be in the page.
 page=$(MANWIDTH=200 LC_ALL=C.UTF-8 man --nh --nj -l "$root/usr/share/man/man1/quil-audio.1.gz")

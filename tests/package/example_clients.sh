@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
-# Builds the example client against the installed files under PREFIX, through
-# find_package(QuilAudio) and through pkg-config with g++, and runs both.
+# Builds the examples as installed under PREFIX (with the -dev files) against
+# the installed library through find_package(QuilAudio), and one through
+# pkg-config with g++; runs them, those that need sound devices on a private
+# sound server through ALSA's pulse PCM and mixer.
 # Usage: example_clients.sh PREFIX SOURCE_DIR WORK_DIR
 set -euo pipefail
 prefix=$1 source=$2 work=$3
 libdir=$(dirname "$(find "$prefix" -name libquil_audio.so -print -quit)")
 test -n "$libdir"
+examples=$prefix/share/doc/libquil-audio-dev/examples
+test -f "$examples/CMakeLists.txt"
 
 # A cross build (QUIL_CROSS_TOOLCHAIN) builds the clients as a device build
 # does, with the toolchain file against the target root QUIL_CROSS_SYSROOT
@@ -28,13 +32,53 @@ if [ -n "${QUIL_CROSS_TOOLCHAIN:-}" ]; then
 fi
 
 echo "== CMake package"
-cmake -S "$source/examples" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" "${cross[@]}" >/dev/null
+cmake -S "$examples" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" "${cross[@]}" >/dev/null
 cmake --build "$work/cmake" -j2 >/dev/null
 "${emulator[@]}" "$work/cmake/quil_audio_example"
 
 echo "== pkg-config"
 # Qt is built with -reduce-relocations: its clients need -fPIC.
 # shellcheck disable=SC2046 # the flags are meant to split
-"${cxx[@]}" -std=c++17 -fPIC -o "$work/pc_example" "$source/examples/quil_audio_example.cpp" \
+"${cxx[@]}" -std=c++17 -fPIC -o "$work/pc_example" "$examples/quil_audio_example.cpp" \
     $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quil_audio log4cplus) -Wl,-rpath,"$libdir"
 "${emulator[@]}" "$work/pc_example"
+
+echo "== examples on a private sound server"
+server=$work/sound-server
+trap '"$source/scripts/lib/soundserver.sh" stop "$server"' EXIT
+"$source/scripts/lib/soundserver.sh" start "$server"
+set -a
+# shellcheck source=/dev/null # written by the start above
+source "$server/env"
+set +a
+scale=${QUIL_TEST_TIME_SCALE:-1}
+run() {
+    local example=$1
+    shift
+    echo "-- $example $*"
+    "${emulator[@]}" "$work/cmake/$example" "$@"
+}
+# The first feed gets its 300 ms of pre-roll and live audio; the restarted capture's, live audio.
+preroll=$(run capture_preroll pulse 1)
+echo "$preroll"
+awk '/^first run/ { first = $3 } /^second run/ { second = $3 } END { exit !(first > 300 && second > 0) }' <<<"$preroll"
+run playback_delay pulse 1
+run capture_status pulse 1
+# A PCM that does not open: the listener gets the reason, the example exits 1.
+if run capture_status no_such_pcm 1 2>/dev/null; then
+    echo "capture_status did not report the failed open" >&2
+    exit 1
+fi
+
+# The watcher reports a change that another program makes: pactl, once the
+# element is watched.
+run mixer_watch pulse master $((2 * scale)) >"$work/mixer_watch.out" &
+watcher=$!
+for ((tries = 200 * scale; tries > 0; tries--)); do
+    grep -q '^watching' "$work/mixer_watch.out" && break
+    sleep 0.05
+done
+pactl set-sink-volume @DEFAULT_SINK@ 50%
+wait "$watcher"
+cat "$work/mixer_watch.out"
+grep -q "^changed 'Master': volume 32768" "$work/mixer_watch.out"

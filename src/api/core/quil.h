@@ -1,8 +1,13 @@
 #pragma once
 
-// Core helpers shared by the library and its clients: a signal connection that
-// verifies what Qt would otherwise only warn about at run time, and a thread
-// host that builds an object inside a new, named thread.
+/// \file
+/// Core helpers shared by the library and its clients: a signal connection that
+/// verifies what Qt would otherwise only warn about, and a thread host that
+/// builds an object inside a new, named thread.
+///
+/// The templates' Q_ASSERTs are compiled into the code that instantiates them,
+/// so they follow that code's own settings: a host's release build (QT_NO_DEBUG)
+/// drops them unless it defines QT_FORCE_ASSERTS. The library's copies keep them.
 
 #include "QuilPlatform.h"
 
@@ -38,8 +43,9 @@ bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, cons
     return true;
 }
 
-/// QObject::connect that asserts, in every build type, that a cross-thread
-/// signal can be queued and that the connection was made.
+/// QObject::connect that asserts that a cross-thread signal can be queued and
+/// that the connection was made (assertions as the instantiating code has them).
+/// Any thread, as QObject::connect.
 template <class Sender, class Signal, class Receiver, class Slot>
 QMetaObject::Connection quilConnect(const Sender* sender, Signal signal, const Receiver* receiver,
                                     Slot slot, Qt::ConnectionType type = Qt::AutoConnection)
@@ -63,6 +69,7 @@ template <class T, class... Args>
 class NewQThread : public QThread
 {
 public:
+    /// Keeps copies of the arguments for run(); starts nothing.
     NewQThread(const QString& threadName, Args... args)
         : QThread(nullptr)
     {
@@ -74,6 +81,8 @@ public:
     ~NewQThread() override = default;
 
 protected:
+    /// In the new thread: names it, builds the T, wakes the creator, then runs
+    /// the event loop until quit().
     void run() override
     {
         m_creationMutex.lock();
@@ -96,17 +105,15 @@ private:
 /// Starts a thread named threadName, constructs a T from args inside it and
 /// returns the T once it exists. The thread object deletes itself when the
 /// thread finishes (through the creating thread's event loop); the caller
-/// becomes responsible for the T, which lives in the new thread.
+/// becomes responsible for the T, which lives in the new thread. Blocks the
+/// calling thread until then; call it from a thread with an event loop.
 template <class T, class... Args>
 T* createInNewQThread(const QString& threadName, Args&&... args)
 {
     auto* thread = new NewQThread<T, Args...>(threadName, std::forward<Args>(args)...);
     quilConnect(thread, &QThread::finished, thread, &QObject::deleteLater, Qt::AutoConnection);
-    // run() holds the mutex from before construction until after the wake-up,
-    // and we hold it from before start(), so the wake-up cannot be missed and
-    // the object cannot exist before the first wait: m_object is read only
-    // after a wake-up, never alongside its write (which ThreadSanitizer,
-    // blind to QMutex, would otherwise report).
+    // Held from before start(), as run() holds it from before construction:
+    // the wake-up cannot be missed, and m_object is read only after it.
     thread->m_creationMutex.lock();
     thread->start(QThread::InheritPriority);
     do {

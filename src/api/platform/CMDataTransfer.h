@@ -7,6 +7,9 @@
 #include <functional>
 #include <memory>
 
+/// \file
+/// Data-transfer handles of the platform library libquil_api (a stand-in of it).
+
 class CMDataTransferPrivate;
 
 /// Implicitly shared handle to one data transfer: every copy refers to the
@@ -19,6 +22,7 @@ class CMDataTransferPrivate;
 class CMDataTransfer
 {
 public:
+    /// Drops this handle; the transfer goes with its last one.
     virtual ~CMDataTransfer();
 
     /// Producer side: hands one block to the consumer. Dropped once finished.
@@ -32,15 +36,20 @@ public:
 
     /// Consumer side: sets the function that receives the blocks.
     void onDataAvailable(std::function<void(const QByteArray&)> handler);
+    /// True once finish() was called on any handle of the transfer.
     bool isFinished() const;
 
+    /// True when both handles refer to the same transfer.
     bool operator==(const CMDataTransfer& other) const { return d == other.d; }
+    /// True when the handles refer to different transfers.
     bool operator!=(const CMDataTransfer& other) const { return d != other.d; }
 
     friend unsigned int qHash(const CMDataTransfer& transfer);
 
 protected:
+    /// Creates a new transfer that keeps (buffered) or drops blocks sent before a handler is set.
     explicit CMDataTransfer(bool buffered);
+    /// The transfer itself, shared by every handle of it.
     std::shared_ptr<CMDataTransferPrivate> d;
 };
 
@@ -52,6 +61,7 @@ unsigned int qHash(const CMDataTransfer& transfer);
 class CMBufferedDataTransfer : public CMDataTransfer
 {
 public:
+    /// Creates a new transfer.
     CMBufferedDataTransfer();
     /// Takes every block kept so far, concatenated.
     QByteArray readAll();
@@ -61,5 +71,6 @@ public:
 class CMUnbufferedDataTransfer : public CMDataTransfer
 {
 public:
+    /// Creates a new transfer.
     CMUnbufferedDataTransfer();
 };

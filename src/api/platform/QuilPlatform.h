@@ -1,5 +1,8 @@
 #pragma once
 
+/// \file
+/// Thread naming and log helpers of the platform library libquil_api (a stand-in of it).
+
 #include <QString>
 
 #include <ostream>

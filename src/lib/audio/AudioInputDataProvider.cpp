@@ -15,11 +15,9 @@ AudioInputDataProvider::AudioInputDataProvider(AudioInputDevice* device, unsigne
                                                                 bufferDurationMs, oneReadSizeFrames);
 }
 
-// The worker's thread is blocked while a capture run is in progress, so the
-// deletion and the quit take effect only once that run has finished its
-// transfers and closed the device. The worker is deleted in its own thread,
-// before wait() returns; the thread object deletes itself later through the
-// event loop of the thread that created it.
+// Deletion and quit take effect once a capture run in progress has finished
+// its transfers and closed the device; the thread object deletes itself later
+// through this thread's event loop (docs/internals.md).
 AudioInputDataProvider::~AudioInputDataProvider()
 {
     QThread* thread = m_thread->thread();

@@ -10,18 +10,29 @@
 
 class AudioInputDataProviderThread;
 
+/// \file
+/// AudioInputDataProvider, which captures from an input device and hands the stream to feeds.
+
 /// Captures from an AudioInputDevice in a thread of its own, "AudioInputT", and
 /// hands the stream to a live feed and to any number of time-shifted feeds.
 ///
-/// Every operation forwards directly, in the caller's thread, to the worker
-/// (AudioInputDataProviderThread), whose operations are safe from any thread.
+/// Threads: every operation is safe from any thread and forwards, in the
+/// caller's thread, to the worker (AudioInputDataProviderThread). Feed
+/// handlers and the status listener run on "AudioInputT" and must not destroy
+/// the provider. Its thread object deletes itself through the event loop of
+/// the thread that built the provider: run a QCoreApplication's loop there.
+///
+/// Feeds: stop() finishes every feed, the live one for good; read a capture
+/// started again through a new liveFeedWithOffset(), 0 for no past audio.
+/// No operation fails; capture failures show in captureStatus().
 class QUIL_AUDIO_EXPORT AudioInputDataProvider
 {
 public:
     /// Starts the worker thread and builds the worker in it; returns once it
     /// exists. The ring buffer keeps bufferDurationMs of audio (0: none), every
-    /// read asks the device for oneReadSizeFrames frames (not 0). The device is
-    /// not owned and must outlive the provider. Does not start capturing.
+    /// read asks the device for oneReadSizeFrames frames (not 0, and a ring
+    /// holds at least one read: both asserted). The device is not owned and
+    /// must outlive the provider. Does not start capturing.
     AudioInputDataProvider(AudioInputDevice* device, unsigned int bufferDurationMs,
                            unsigned int oneReadSizeFrames);
     /// Stops capturing and waits until the worker thread has ended: a running
@@ -29,9 +40,11 @@ public:
     /// the device before this returns.
     virtual ~AudioInputDataProvider();
 
-    /// Starts capturing in the worker thread.
+    /// Starts capturing in the worker thread: it opens the device and reads
+    /// until stop(). A failed open stops it again (see captureStatus()).
     void start();
-    /// Stops capturing after the current block, finishing every transfer.
+    /// Stops capturing after the current block, finishing every transfer and
+    /// closing the device; does not wait for it.
     void stop();
     /// Replaces captured audio by silence while muted.
     void setMuteState(bool muted);
@@ -39,7 +52,8 @@ public:
     bool isMuted() const;
     /// The device given at construction.
     const AudioInputDevice& audioDevice() const;
-    /// The one live feed (see AudioInputDataProviderThread::liveFeed()).
+    /// The one live feed (see AudioInputDataProviderThread::liveFeed()): every
+    /// block from now on, until the first stop() finishes it for good.
     CMUnbufferedDataTransfer liveFeed() const;
     /// A new feed starting offsetMs in the past (see
     /// AudioInputDataProviderThread::liveFeedWithOffset()).

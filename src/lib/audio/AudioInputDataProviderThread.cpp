@@ -13,14 +13,9 @@ QUIL_AUDIO_DEFINE_LOGGER();
 
 namespace quil {
 
-// What a time-shifted feed's finish callback knows of the worker. Transfers
-// can outlive the worker (it may be destroyed without a capture run having
-// finished them: never started, after a failed open, with a restart pending),
-// and whoever holds them may finish them at any time afterwards, on any
-// thread. The callback therefore reaches the worker only through this link,
-// holding the link's mutex while it does; the worker's destructor clears the
-// pointer under the same mutex, so a late callback finds it null and does
-// nothing. Lock order: link mutex before the worker's m_mutex.
+// What a feed's finish callback knows of the worker, which its feeds may
+// outlive: null once the worker is gone (docs/internals.md). Lock order: link
+// mutex before the worker's m_mutex.
 struct WorkerLink
 {
     QMutex mutex;
@@ -68,18 +63,9 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
         Q_ASSERT(m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames));
 }
 
-// Runs in the worker thread, which the provider has stopped and whose event
-// loop has quit.
-//
-// A capture run that start() queued just before the provider was destroyed
-// may still sit unhandled in the thread's event queue when the loop quits.
-// It is carried out here rather than dropped, so that start() always has its
-// effect: with the run flag clear the run goes straight to its closing step
-// (every transfer and the live feed finished, the device closed). Consumers
-// can thus rely on a started provider finishing their feeds when it goes.
-//
-// Feeds still registered are then released unfinished, and their callbacks
-// are detached from this object (see WorkerLink).
+// Runs in the stopped worker thread. A run still queued by start() is carried
+// out, straight to its closing step, so that a started provider always finishes
+// its feeds; the rest are detached through WorkerLink (docs/internals.md).
 AudioInputDataProviderThread::~AudioInputDataProviderThread()
 {
     quil::acceptHandOff(this);   // published by the provider before deleteLater()
@@ -135,15 +121,9 @@ CMUnbufferedDataTransfer AudioInputDataProviderThread::liveFeed() const
     return m_liveFeed;
 }
 
-// The prefill must reach the feed before any block captured after it, and no
-// transfer may be called under m_mutex (its finish callback takes the lock).
-// So a feed with a prefill is registered as held, under the same lock as the
-// ring is copied: the capture loop keeps back the blocks it captures for a
-// held feed, while this thread hands over the prefill. Once it has, it marks
-// the feed released, and the capture loop delivers the kept blocks before
-// its next block (or before finishing the feed on stop). Every block is thus
-// in the prefill, kept back, or delivered directly, exactly once and in order;
-// and the requesting thread's work stays one call, however fast capture runs.
+// The feed is registered as held while this thread hands over the prefill
+// outside the lock; the capture loop keeps its blocks back until it is
+// released, so every block arrives once and in order (docs/internals.md).
 CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offsetMs)
 {
     CMBufferedDataTransfer transfer;

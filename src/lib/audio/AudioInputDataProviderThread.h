@@ -19,6 +19,9 @@ namespace quil {
 struct WorkerLink;
 }
 
+/// \file
+/// AudioInputDataProviderThread, the capture worker behind AudioInputDataProvider.
+
 /// The capture worker: lives in a thread of its own (see AudioInputDataProvider),
 /// reads an AudioInputDevice block by block while started, keeps the most recent
 /// audio in a ring buffer and hands every block to the time-shifted feeds and
@@ -40,11 +43,13 @@ public:
     /// the device is not owned and must outlive this object.
     AudioInputDataProviderThread(AudioInputDevice* device, unsigned int bufferDurationMs,
                                  unsigned int oneReadSizeFrames);
-    /// Runs in the worker thread; see the implementation for what becomes of
-    /// a run still queued by start() and of feeds that outlive this object.
+    /// Runs in the worker thread. A run that start() queued still takes place,
+    /// going straight to finishing every feed and closing the device. Feeds
+    /// still registered (never started) are released unfinished; finishing them later is safe.
     ~AudioInputDataProviderThread() override;
 
-    /// Sets the run flag and queues a capture run to the worker thread.
+    /// Sets the run flag and queues a capture run to the worker thread. A
+    /// failed open ends the run (captureStatus() tells why).
     void start();
     /// Clears the run flag; the running capture ends after its current block,
     /// finishes every transfer and closes the device. Does not wait.

@@ -5,14 +5,15 @@
 #include <QByteArray>
 #include <QString>
 
+/// \file
+/// The playback-device interface with its close modes and write results.
+
 /// A sink for interleaved PCM frames: opened, fed block by block, and closed
 /// either at once or after the queued audio has played out.
 ///
-/// Used from one thread at a time; no operation takes a lock.
-///
-/// sampleRate() and channelCount() return int, as on AudioInputDevice, so that
-/// both device families read alike; every rate and channel count a device
-/// can run at fits.
+/// Threads: use a device from one thread at a time; no operation takes a lock.
+/// A failed open() reports false, a failed write() a WriteResult other than
+/// Written; the reason is in errorString() and errorCode(), read right after the call.
 class QUIL_AUDIO_EXPORT AudioOutputDevice
 {
 public:
@@ -26,7 +27,7 @@ public:
     enum WriteResult {
         Written = 0,         ///< every whole frame of the block was accepted
         XrunRecovered = 1,   ///< the device ran dry; it runs on, the rest of the block was dropped
-        DeviceClosed = 2     ///< unrecoverable: the device is closed and must be opened again
+        DeviceClosed = 2     ///< the device is closed (an unrecoverable error closed it): open() it again
     };
 
     /// Destroying a device closes it with Immediate.
@@ -37,8 +38,11 @@ public:
     virtual bool open() = 0;
     /// Closes the device; any mode but Drain closes at once. Harmless when closed.
     virtual void close(AudioOutputDevice::CloseMode mode) = 0;
+    /// True while the device is open.
     virtual bool isOpened() = 0;
-    /// Hands the whole frames of data to the device; a trailing partial frame is ignored.
+    /// Hands the whole frames of data to the device; a trailing partial frame
+    /// is ignored. What a closed device answers differs by class:
+    /// AlsaOutputDevice gives DeviceClosed, FileOutputDevice Written.
     virtual AudioOutputDevice::WriteResult write(const QByteArray& data) = 0;
     /// Frames the device can accept now, or -1 when it cannot tell.
     virtual int framesReady() const = 0;

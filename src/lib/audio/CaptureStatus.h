@@ -3,6 +3,10 @@
 #include <QMetaType>
 #include <QString>
 
+/// \file
+/// The capture state that AudioInputDataProvider::captureStatus() reports.
+
+/// The library's helper types (CaptureStatus.h).
 namespace quil {
 
 /// What an input data provider's capture is doing.
@@ -16,6 +20,7 @@ enum class CaptureState {
 /// program that runs for months can watch this instead of the log.
 struct CaptureStatus
 {
+    /// Stopped at first.
     CaptureState state = CaptureState::Stopped;
     /// Why capture is restarting, or why it stopped after a failed open: the
     /// device's errorString() (or the provider's own log line when the device
@@ -26,11 +31,13 @@ struct CaptureStatus
     /// Restarts after read failures since the provider was built.
     int restartCount = 0;
 
+    /// Equal when every field is.
     bool operator==(const CaptureStatus& other) const
     {
         return state == other.state && errorString == other.errorString && errorCode == other.errorCode
             && restartCount == other.restartCount;
     }
+    /// Differs when any field does.
     bool operator!=(const CaptureStatus& other) const { return !(*this == other); }
 };
 

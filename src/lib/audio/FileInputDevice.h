@@ -8,6 +8,9 @@
 
 #include <alsa/asoundlib.h>
 
+/// \file
+/// FileInputDevice, a capture device that reads a raw PCM file at the pace of a live source.
+
 /// Delivers a raw PCM file (no header, interleaved frames in the given format)
 /// paced like a live source: read() returns no earlier than the media time
 /// delivered so far allows, and a reader that fell behind gets the following
@@ -33,10 +36,12 @@ public:
     /// Delivers exactly frameCount frames: the file's next bytes, zero-filled
     /// where the file has none. Sleeps until the block is due. False on a
     /// file read error (the file is then closed), at a sample rate of 0 or
-    /// below (nothing to pace by), and for a block above 2^31 bytes.
+    /// below (nothing to pace by), and for a block above 2^31 bytes; the
+    /// reason is in errorString().
     bool read(QByteArray* buffer, int frameCount) override;
     int sampleRate() const override;
     int bytesPerSample() const override;
+    /// The channel count given at construction.
     int channelCount() const override;
     /// "File Input Device".
     QString name() const override;

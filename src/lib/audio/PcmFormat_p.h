@@ -47,12 +47,8 @@ inline int setWholeByteFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, snd_p
 }
 
 // Frames in ms milliseconds at sampleRate: rate × ms / 1000, truncated toward
-// zero. Callers keep the product below 2^31; computing it in 64 bits gives the
-// same frames there and keeps a caller who does not from signed overflow.
-// Beyond that range the count saturates at the largest frame count: where
-// snd_pcm_uframes_t has 32 bits (armhf), a plain conversion would wrap a long
-// time around to a short one. A negative result converts as a signed value
-// does, to a count near the top of the range on every architecture.
+// zero, computed in 64 bits and saturating at the largest frame count, so that
+// a 32-bit count never wraps to a short time (docs/internals.md).
 inline snd_pcm_uframes_t framesForMs(int64_t sampleRate, int ms)
 {
     constexpr snd_pcm_uframes_t maxFrames = std::numeric_limits<snd_pcm_uframes_t>::max();

@@ -1,13 +1,8 @@
 #pragma once
 
-// The provider's ring of recent audio. Seen from outside it is a run of bytes
-// of fixed size, oldest first, that every block shifts: the oldest bytes drop
-// out and the block comes in at the newest end. It is stored circularly (a
-// QByteArray and the index of its oldest byte, which is where the next block
-// goes), so that a block costs a copy of the block, not a move of the whole
-// ring: a 10 s ring of 48 kHz stereo S16 audio is 1.9 MB, against 1920 bytes
-// for a 10 ms block. Every operation on it lives here, so that the capture
-// loop never depends on the layout.
+// The provider's ring of recent audio: a fixed run of bytes, oldest first, that
+// every block shifts, stored circularly so that a block costs a copy of the
+// block only (docs/internals.md). Its every operation lives here.
 
 #include <QByteArray>
 

@@ -1,11 +1,8 @@
 #pragma once
 
-// Qt 5's QtCore is not built for ThreadSanitizer: its QMutex waits on futexes
-// and its posted events travel through such mutexes, so the tool cannot see
-// that a contended lock or a queued call orders two threads, and reports
-// races that are none. The library's own synchronisation goes through the
-// helpers below, which in sanitizer builds tell the tool what Qt guarantees,
-// and compile to plain Qt code elsewhere.
+// ThreadSanitizer cannot see the ordering that Qt 5's uninstrumented QMutex and
+// posted events give (docs/internals.md): these helpers tell it in sanitizer
+// builds and compile to plain Qt code elsewhere.
 
 #include <QMutex>
 

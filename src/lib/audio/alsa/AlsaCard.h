@@ -10,6 +10,9 @@
 #include <QString>
 #include <QWeakPointer>
 
+/// \file
+/// AlsaCard, an ALSA mixer device that hands out its elements by name.
+
 /// A named ALSA mixer device (for example DefaultName) that hands out its
 /// elements by partial, case-insensitive name.
 ///
@@ -17,8 +20,9 @@
 /// element object, and with it the same changed() signals, for as long as some
 /// client holds it; the card itself never keeps an element alive.
 ///
-/// Open the card on a thread that runs a Qt event loop and use it and its
-/// elements there: that loop delivers the elements' changed() signals.
+/// Threads: open the card on a thread that runs a Qt event loop and use it and
+/// its elements there only: that loop delivers the elements' changed() signals.
+/// A failure (false, null) is explained by errorString() and errorCode().
 class QUIL_AUDIO_EXPORT AlsaCard : public QObject
 {
     Q_OBJECT
@@ -28,8 +32,9 @@ public:
     static const char* const DefaultName;
 
     /// `name` is the ALSA mixer device name; with `open` true the card is
-    /// opened at once (see isOpen() for the outcome).
+    /// opened at once (see isOpen() for the outcome, errorString() for a failure).
     AlsaCard(const QString& name, bool open);
+    /// Drops the card's reference to the mixer; elements still held keep it open.
     ~AlsaCard() override;
 
     /// Opens the mixer unless the card is open; true when it is open afterwards.

@@ -11,20 +11,22 @@
 struct _snd_mixer_elem;
 class AlsaMixerHandle;
 
+/// \file
+/// AlsaMixerElement, one ALSA simple-mixer control with its change signal.
+
 /// The side of a mixer element an operation works on. Only 0 means playback:
 /// every other value acts as capture.
 enum AlsaElementMode : int
 {
-    Playback = 0,
-    Capture = 1,
+    Playback = 0,   ///< the playback controls
+    Capture = 1,    ///< the capture controls
 };
 
 /// One ALSA simple mixer element (volume, switch, enumerated selector) with
 /// its controls, and the signal changed() whenever ALSA reports a new value.
 ///
-/// The mode-taking operations have no default side on purpose: many elements
-/// ("Capture", "Mic") have controls on one side only, and a silent default
-/// would turn a forgotten argument into an ALSA error at run time.
+/// The mode-taking operations have no default side: many elements ("Mic")
+/// have controls on one side only.
 ///
 /// Every query goes to ALSA; nothing is cached. dB values are in decibels
 /// (ALSA's hundredths, converted with 100.0), volumes in the element's own
@@ -34,7 +36,9 @@ enum AlsaElementMode : int
 /// element, the object stays, but every operation fails without touching ALSA.
 ///
 /// Created by AlsaCard::loadMixerElement(); use it on the thread that opened
-/// the card, whose event loop delivers changed().
+/// the card, whose event loop delivers changed(). The getters and setters
+/// return false (getEnumSize() 0) on failure, and errorString() and errorCode()
+/// tell why; hasDB(), hasSwitch() and isEnumerated() answer false silently.
 class QUIL_AUDIO_EXPORT AlsaMixerElement : public QObject
 {
     Q_OBJECT
@@ -61,14 +65,17 @@ public:
     bool setVolume(long value, AlsaElementMode mode);
     /// Channel 0's raw value.
     bool getVolume(long* value, AlsaElementMode mode);
+    /// The raw volume range of the side's volume control.
     bool getVolumeRange(long* min, long* max, AlsaElementMode mode);
 
+    /// True when the side has a switch (false once the element is unusable).
     bool hasSwitch(AlsaElementMode mode);
     /// Switches every channel on (true) or off.
     bool setSwitch(bool on, AlsaElementMode mode);
     /// Channel 0's switch.
     bool getSwitch(bool* on, AlsaElementMode mode);
 
+    /// True for an enumerated control (a selector with named items).
     bool isEnumerated();
     /// Selects the item on channel 0 only.
     bool setEnum(unsigned int item);
@@ -93,7 +100,8 @@ public:
     int errorCode() const;
 
 signals:
-    /// The element's value changed; read it through the getters.
+    /// The element's value changed; read it through the getters. Emitted on
+    /// the thread that opened the card, from its event loop.
     void changed();
 
 private:

@@ -15,6 +15,9 @@ struct _snd_mixer;
 struct _snd_mixer_elem;
 class QSocketNotifier;
 
+/// \file
+/// AlsaMixerHandle, an opened ALSA simple mixer watched on the Qt event loop.
+
 /// One opened ALSA simple mixer whose poll descriptors are watched on the Qt
 /// event loop of the thread that opened it; pending mixer events are handed to
 /// ALSA there, which calls the element callbacks (see AlsaMixerElement).
@@ -28,7 +31,8 @@ class QSocketNotifier;
 /// leaves its descriptor readable forever). A closed handle leaves ALSA alone:
 /// the lookups then return an empty list, an empty string and null.
 ///
-/// Not thread-safe: use it, and drop its last reference, on its own thread.
+/// Not thread-safe: use it, and drop its last reference, on the thread that
+/// opened it, which must run a Qt event loop. Most hosts use it through AlsaCard.
 class QUIL_AUDIO_EXPORT AlsaMixerHandle : public QObject
 {
     Q_OBJECT

@@ -6,20 +6,24 @@
 
 #include <cstdint>
 
+/// \file
+/// AlsaOutputDevice, a playback device on an ALSA PCM.
+
 /// Plays interleaved PCM through an ALSA playback PCM opened in blocking mode.
 ///
-/// The sample format is always set exactly; one whose samples are not whole
-/// bytes in memory (padded like S24_LE, narrower, or without a width) is
-/// refused, since write() counts frames in bytesPerSample() units. Rate and channel count are set
-/// exactly unless enableSamplerateNear() / enableChannelsNear() allow ALSA's
-/// nearest choice. Period, buffer and start threshold may each be asked for in
-/// milliseconds or in frames (the later setter of a pair wins) or be left to
-/// ALSA. Configuration takes effect at the next open(); the queries report the
-/// values negotiated by the last open(), which survive close().
+/// The sample format is set exactly; one whose samples are not whole bytes in
+/// memory (padded like S24_LE, narrower, or without a width) is refused. Rate
+/// and channel count are exact unless enableSamplerateNear() / enableChannelsNear().
+///
+/// Period, buffer and start threshold may each be asked for in milliseconds or
+/// in frames (the later setter of a pair wins) or be left to ALSA. Configuration
+/// takes effect at the next open(); the queries report the last open()'s values.
 ///
 /// write() blocks until ALSA has taken the block, which paces the caller in
 /// real time. An xrun is recovered and reported; any other write error closes
-/// the device. Not thread-safe: use a device from one thread at a time.
+/// the device. Not thread-safe: use a device from one thread at a time. The
+/// reason of a failure (false, -1, a WriteResult but Written) is in
+/// errorString() and errorCode() (ALSA's code), read right after the call.
 class QUIL_AUDIO_EXPORT AlsaOutputDevice : public AudioOutputDevice
 {
 public:
@@ -37,13 +41,11 @@ public:
     /// With Drain, blocks until everything written has played; then closes the
     /// PCM, discarding whatever is still queued. Harmless when closed.
     void close(AudioOutputDevice::CloseMode mode) override;
+    /// True while the PCM is open; false again after a write error closed it.
     bool isOpened() override;
-    /// Writes the block's whole frames, looping over short writes. Frames are
-    /// counted with channelCount(), the count negotiated for the open stream:
-    /// that is the layout ALSA reads, so it never reads past the block's end,
-    /// also when enableChannelsNear() let the count differ from the requested one.
-    /// A block without a whole frame (or a frame size of 0) is Written untouched.
-    /// DeviceClosed at once, without touching ALSA, when the device is closed.
+    /// Writes the block's whole frames of channelCount() channels (the count
+    /// negotiated, which ALSA reads), looping over short writes. A block without
+    /// a whole frame is Written untouched; a closed device gives DeviceClosed.
     AudioOutputDevice::WriteResult write(const QByteArray& data) override;
     /// Frames ALSA can take now; 0 right after recovering an xrun it found;
     /// -1 when closed or on another error.
@@ -80,8 +82,11 @@ public:
     /// the age of its figure. Takes effect at the next open(). Cannot be undone.
     void enableTstamp();
 
+    /// The period size in frames negotiated by the last open(); 0 before.
     snd_pcm_uframes_t periodSize() const;
+    /// The buffer size in frames negotiated by the last open(); 0 before.
     snd_pcm_uframes_t bufferSize() const;
+    /// The start threshold in frames set by the last open(); 0 before.
     snd_pcm_uframes_t startThreshold() const;
     /// periodSize() in whole ms at the negotiated rate; 0 while no rate was negotiated.
     unsigned int periodTimeMs() const;
@@ -96,7 +101,8 @@ public:
     /// in µs; 0 unless enableTstamp() was called before the open() of the stream.
     int delay(int64_t* sinceStatusUs) const;
 
-    /// Closes *pcm if set and nulls it.
+    /// Closes *pcm if set and nulls it; the device's own close() path, public
+    /// for the library's cleanup actions. Same thread as open().
     void cleanupPcm(snd_pcm_t** pcm);
 
 private:
