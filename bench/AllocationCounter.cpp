@@ -5,12 +5,14 @@
 
 // The executable's own malloc family comes first in symbol lookup, for the
 // library and Qt as for this program, and forwards to the C library's.
+// NOLINTBEGIN(bugprone-reserved-identifier): glibc's own entry points
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* pointer, std::size_t size);
 void __libc_free(void* pointer);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -37,7 +37,7 @@ const QTemporaryDir& scratchDir()
 QString captureFile()
 {
     static const QString path = [] {
-        const QString file = scratchDir().filePath("capture.raw");
+        QString file = scratchDir().filePath("capture.raw");
         QByteArray data(PassBlocks * BlockBytes, '\0');
         for (int i = 0; i < data.size(); ++i)
             data[i] = static_cast<char>(i * 7 + i / 251);
@@ -153,7 +153,7 @@ void BM_CaptureReadAgainstBare(benchmark::State& state)
     QByteArray block;
     SideBySide sides(state);
     for (auto _ : state) {
-        BarePcm pcm = openBarePcm(pcmName, SND_PCM_STREAM_CAPTURE, BlockFrames, 10 * BlockFrames, 0);
+        BarePcm pcm = openBarePcm(pcmName, SND_PCM_STREAM_CAPTURE, BlockFrames, 10 * snd_pcm_uframes_t{BlockFrames}, 0);
         if (!pcm || !device.open()) {
             state.SkipWithError("cannot open the capture PCM");
             break;

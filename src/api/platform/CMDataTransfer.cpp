@@ -80,12 +80,14 @@ void CMDataTransfer::finish(const CMError& error)
         function(error);
 }
 
+// The platform's signature takes the function by value; QList copies it in.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void CMDataTransfer::onFinished(std::function<void(const CMError&)> function)
 {
     {
         std::lock_guard<std::mutex> lock(d->mutex);
         if (!d->finished) {
-            d->finishFunctions.append(std::move(function));
+            d->finishFunctions.append(function);
             return;
         }
     }

@@ -101,7 +101,7 @@ inline void logRuntimeError(const log4cplus::Logger& log, long code, const char*
 #define QUIL_ERROR_TO(error, code, streamed)                                                   \
     do {                                                                                       \
         std::ostringstream quilErrorText_;                                                     \
-        quilErrorText_ << streamed;                                                            \
+        quilErrorText_ << streamed; /* NOLINT(bugprone-macro-parentheses): a stream chain */  \
         quil::detail::reportError(logger, (error), (code), quilErrorText_.str(), __FILE__,     \
                                   __LINE__, LOG4CPLUS_MACRO_FUNCTION());                       \
     } while (false)

@@ -39,9 +39,11 @@ bool elementCallFailed(const log4cplus::Logger& log, const void* error, int resu
 
 } // namespace
 
+// NOLINTBEGIN(bugprone-macro-parentheses): action is a stream chain
 #define QUIL_ELEMENT_CALL_FAILED(result, action)                                                   \
     elementCallFailed(logger, this, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
                       __LINE__, LOG4CPLUS_MACRO_FUNCTION())
+// NOLINTEND(bugprone-macro-parentheses)
 
 AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem,
                                    QSharedPointer<AlsaMixerHandle> handle)

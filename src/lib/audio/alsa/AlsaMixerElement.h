@@ -2,13 +2,14 @@
 
 #include "QuilAudioGlobal.h"
 
+#include <alsa/asoundlib.h>
+
 #include <QObject>
 #include <QSharedPointer>
 #include <QString>
 
 #include <cstddef>
 
-struct _snd_mixer_elem;
 class AlsaMixerHandle;
 
 /// \file

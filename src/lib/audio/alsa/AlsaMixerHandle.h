@@ -2,6 +2,8 @@
 
 #include "QuilAudioGlobal.h"
 
+#include <alsa/asoundlib.h>
+
 #include <QList>
 #include <QObject>
 #include <QSharedPointer>
@@ -11,8 +13,6 @@
 #include <poll.h>
 
 
-struct _snd_mixer;
-struct _snd_mixer_elem;
 class QSocketNotifier;
 
 /// \file
