@@ -26,9 +26,8 @@ inline int bytesPerSampleOf(snd_pcm_format_t format)
     return width > 0 ? width / 8 : 0;
 }
 
-// True when a sample of `format` takes exactly bytesPerSampleOf(format) bytes
-// in memory. Blocks are sized in those units, so only such formats may reach
-// an ALSA stream: with padded samples (S24_LE keeps 3 bytes in 4) or samples
+// True when a sample of `format` takes exactly bytesPerSampleOf(format) bytes in
+// memory. Blocks are sized in those units: with padded samples (S24_LE) or ones
 // narrower than a byte, ALSA would read or write past the end of a block.
 inline bool hasWholeByteSamples(snd_pcm_format_t format)
 {

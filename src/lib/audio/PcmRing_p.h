@@ -10,10 +10,9 @@
 
 namespace quil {
 
-// Writes the block over the oldest bytes. An empty ring (a buffer duration of
-// 0) stays empty. A block at least as long as the ring leaves the ring holding
-// exactly that block, and so, when it is longer, with the block's length from
-// then on: that is what shifting it in does.
+// Writes the block over the oldest bytes; an empty ring stays empty. A block at
+// least as long as the ring becomes the whole ring, and so a longer one gives
+// the ring its length from then on: that is what shifting it in does.
 inline void shiftIntoRing(QByteArray* ring, int* oldest, const QByteArray& block)
 {
     const int ringBytes = ring->size();
@@ -34,10 +33,9 @@ inline void shiftIntoRing(QByteArray* ring, int* oldest, const QByteArray& block
     *oldest = (*oldest + blockBytes) % ringBytes;
 }
 
-// A copy of the newest `count` bytes, oldest first: the whole ring when it
-// holds fewer, nothing for a count of 0 or below. Always a copy, never a
-// shared reference: the capture loop goes on writing into the ring while
-// another thread reads this.
+// A copy of the newest `count` bytes, oldest first (the whole ring when it holds
+// fewer, nothing for a count of 0 or below); never a shared reference, as the
+// capture loop goes on writing into the ring while another thread reads this.
 inline QByteArray newestBytesOfRing(const QByteArray& ring, int oldest, int count)
 {
     const int ringBytes = ring.size();

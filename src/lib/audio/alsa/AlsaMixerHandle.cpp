@@ -174,10 +174,9 @@ int AlsaMixerHandle::errorCode() const
     return quil::ErrorRegistry::code(this);
 }
 
-// The notifier tells only that some descriptor woke up; a poll() without
-// timeout fills in what happened, and ALSA combines that. Should ALSA fail to
-// combine it, the result stays 0, so the events are handled as ordinary ones
-// and a broken mixer shows through snd_mixer_handle_events instead.
+// The notifier tells only that some descriptor woke up: a poll() without timeout
+// fills in what happened, and ALSA combines that. If ALSA cannot, 0 stays and a
+// broken mixer shows through snd_mixer_handle_events instead.
 unsigned short AlsaMixerHandle::pendingPollEvents()
 {
     for (pollfd& entry : m_pollFds)

@@ -16,19 +16,17 @@ namespace {
 
 constexpr int NotRequested = -1;
 
-// A frame count handed to a setter is either a request (above 0) or none at
-// all: 0 frames of period, buffer or threshold means nothing ALSA could honour,
-// and a negative count would otherwise become a rate × -1 ms target. So every
-// such count is stored as "not requested", which leaves the quantity to ALSA.
+// A frame count handed to a setter is a request (above 0) or none: 0 frames
+// means nothing ALSA could honour and a negative one would become a rate × -1 ms
+// target, so both are stored as "not requested", leaving the quantity to ALSA.
 int requestedFrameCount(int frames)
 {
     return frames > 0 ? frames : NotRequested;
 }
 
-// The frames asked for by a frames/ms pair: the frames when given, else the
-// ms at the negotiated rate; nothing when neither was asked for. A time below
-// 0 asks for nothing either, as a frame count does: converted, it would wrap
-// around to an absurd unsigned frame count.
+// The frames asked for by a frames/ms pair: the frames when given, else the ms
+// at the negotiated rate; nothing when neither was asked for. A time below 0
+// asks for nothing too: converted, it would wrap to an absurd frame count.
 std::optional<snd_pcm_uframes_t> requestedFrames(int frames, int ms, unsigned int sampleRate)
 {
     if (frames > 0)
@@ -290,10 +288,9 @@ AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
     // null handle, and the caller learns that it has to open() again.
     if (!m_pcm)
         return DeviceClosed;
-    // Frames are counted with the channel count negotiated for this stream,
-    // which is the requested one unless enableChannelsNear() let ALSA pick
-    // another. ALSA reads frames of that size, so counting with the requested
-    // count could send it past the end of the block.
+    // Frames are counted with the channel count negotiated for this stream
+    // (enableChannelsNear() may have let ALSA pick another): ALSA reads frames
+    // of that size, so the requested count could send it past the block's end.
     const snd_pcm_uframes_t frameBytes =
         static_cast<snd_pcm_uframes_t>(m_channels) * static_cast<unsigned int>(quil::bytesPerSampleOf(m_format));
     // No channels, or a format narrower than a byte: the block holds no whole frame.
@@ -373,10 +370,9 @@ int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
     return static_cast<int>(frames);
 }
 
-// ALSA's plugins (null and pulse among them) fill the status timestamp even
-// when timestamps were never enabled, then on the wall clock. Only a stream
-// set up after enableTstamp() stamps on CLOCK_MONOTONIC_RAW, so any other
-// timestamp, like a zero one, gives no age: comparing clocks would be nonsense.
+// Plugins (null and pulse among them) stamp the status on the wall clock even
+// without enableTstamp(); only a stream set up after it stamps on
+// CLOCK_MONOTONIC_RAW, so any other timestamp, a zero one too, gives no age.
 int64_t AlsaOutputDevice::statusAgeUs(int64_t statusNs) const
 {
     if (!m_tstampEnabled || statusNs == 0)
