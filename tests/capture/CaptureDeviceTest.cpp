@@ -108,6 +108,8 @@ TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
     QByteArray shortBlock;   // a short read hands back just the frames read
     ASSERT_TRUE(device.read(&shortBlock, 480));
     EXPECT_TRUE(shortBlock == data.mid(offset, 120 * 4));
+    ASSERT_TRUE(device.read(&shortBlock, 0));   // asks for 2048 frames
+    EXPECT_EQ(shortBlock.size(), 512 * 4);
     EXPECT_EQ(m_log.errors().value(0),
               "AlsaInputDevice: error while reading: an overrun occurred (EPIPE: " + alsaText(-EPIPE) + ") (-32)");
     faults::arm("snd_pcm_readi", 0, 2);   // empty reads back off a quarter block times channels
@@ -155,6 +157,7 @@ TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasi
     EXPECT_FALSE(AlsaInputDevice(pcm, 48000, 2, S16, 20, 100).open());
     EXPECT_EQ(m_log.errors().last(), "Could not set channel count to: 2");
     SetUp();
+    EXPECT_TRUE(AlsaInputDevice("null", 1, 2, S16, 20, 100).open());   // the lowest rate there is
     AlsaInputDevice missing("no_such_pcm", 48000, 2, S16, 20, 100);
     EXPECT_FALSE(missing.open());
     EXPECT_EQ(m_sleeps.size(), 4);   // four tries a quarter second apart
@@ -195,7 +198,7 @@ TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosAfterItsEnd)
     }
     EXPECT_FALSE(device.playFile(dataDirectory() + "/no-such.raw"));
     EXPECT_EQ(device.errorCode(), -ENOENT);
-    EXPECT_FALSE(FileInputDevice(0, 2, S16).read(&block, 480));
+    EXPECT_TRUE(!FileInputDevice(0, 2, S16).read(&block, 480) && FileInputDevice(1, 2, S16).read(&block, 0));
     // In real time, without a file: 25 blocks of 20 ms take 500 ms, not much more.
     faults::reset();
     FileInputDevice fresh(48000, 2, S16);

@@ -72,10 +72,12 @@ TEST_F(MixerTest, HandleListsGuessesAndFindsElements)
         EXPECT_EQ(handle->guessElementName(guess.first), guess.second) << guess.first.toStdString();
     EXPECT_FALSE(handle->findElement("master"));
     handle.reset();
-    for (const char* step : {"snd_mixer_open", "snd_mixer_attach", "snd_mixer_selem_register", "snd_mixer_load",
-                             "snd_mixer_poll_descriptors_count", "snd_mixer_poll_descriptors"}) {
+    const std::pair<const char*, long> failures[] = {{"snd_mixer_open", -EIO}, {"snd_mixer_attach", -EIO},
+        {"snd_mixer_selem_register", -EIO}, {"snd_mixer_load", -EIO}, {"snd_mixer_poll_descriptors_count", -EIO},
+        {"snd_mixer_poll_descriptors_count", 0}, {"snd_mixer_poll_descriptors", 0}};   // no descriptors fails too
+    for (const auto& [step, result] : failures) {
         faults::reset();
-        faults::arm(step, step == std::string("snd_mixer_poll_descriptors") ? 0 : -EIO);
+        faults::arm(step, result);
         m_log.clear();
         EXPECT_FALSE(AlsaMixerHandle::openHandle("testmix")) << step;
         EXPECT_EQ(m_log.errors().size(), 1) << step;
@@ -134,6 +136,7 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
 {
     AlsaCard card("testmix", false);
     EXPECT_FALSE(card.loadMixerElement("master"));
+    EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair(QString("Cannot load mixer element, not opened testmix"), 0));
     faults::arm("snd_mixer_load", -EIO);
     EXPECT_FALSE(card.open());
     EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair("Mixer testmix load error: " + alsaText(-EIO), -EIO));
@@ -166,6 +169,24 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     ASSERT_TRUE(zoomSpy.wait(2000));
     EXPECT_EQ(spy.count(), 2);
     EXPECT_FALSE(AlsaCard("no_such_mixer", true).isOpen());
+}
+
+// dB in hundredths, truncated toward zero, on the side asked for; the test
+// mixer's scale (-50 dB + 0.5 dB a step) rounds a setting down to its step.
+TEST_F(MixerTest, DecibelsAreSetAndReadInHundredthsOnEitherSide)
+{
+    AlsaCard card("testmix", true);
+    struct Case { const char* element; AlsaElementMode mode; double set; long volume; double dB; };
+    for (const Case& c : {Case{"Master", Playback, -10.555, 78, -11.0}, Case{"Capture", Capture, -0.6, 98, -1.0}}) {
+        SCOPED_TRACE(c.element);
+        auto element = card.loadMixerElement(c.element);
+        ASSERT_TRUE(element && element->hasDB(c.mode));
+        long volume = 0;
+        double dB = 0;
+        EXPECT_TRUE(element->setDB(c.set, c.mode) && element->getVolume(&volume, c.mode) && element->getDB(&dB, c.mode));
+        EXPECT_EQ(std::make_pair(volume, dB), std::make_pair(c.volume, c.dB));
+    }
+    EXPECT_FALSE(card.loadMixerElement("Headphone")->hasDB(Playback));
 }
 
 // A poll error or a dead backend closes the mixer for good; the card opens

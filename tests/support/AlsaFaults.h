@@ -83,3 +83,28 @@ Signature* real(const char* function)
         static auto* realFunction = quiltest::faults::real<Ret Params>(#name);                   \
         return realFunction Args;                                                                \
     }
+
+// Defines open and close of a handle type (snd_pcm, snd_mixer) that also keep
+// the count of live handles that leak checks read. An injected close failure
+// still releases the handle.
+#define QUIL_INTERPOSE_OPEN_CLOSE(Handle, open, close, Params, Args)                               \
+    extern "C" int open Params                                                                   \
+    {                                                                                            \
+        long armedResult = 0;                                                                    \
+        if (quiltest::faults::takeFailure(#open, &armedResult))                                  \
+            return static_cast<int>(armedResult);                                                \
+        static auto* realOpen = quiltest::faults::real<int Params>(#open);                       \
+        const int result = realOpen Args;                                                        \
+        if (result >= 0)                                                                         \
+            quiltest::faults::track(*handle, true);                                              \
+        return result;                                                                           \
+    }                                                                                            \
+    extern "C" int close(Handle* handle)                                                         \
+    {                                                                                            \
+        long armedResult = 0;                                                                    \
+        const bool fail = quiltest::faults::takeFailure(#close, &armedResult);                   \
+        static auto* realClose = quiltest::faults::real<int(Handle*)>(#close);                   \
+        quiltest::faults::track(handle, false);                                                  \
+        const int result = realClose(handle);                                                    \
+        return fail ? static_cast<int>(armedResult) : result;                                    \
+    }
