@@ -4,6 +4,8 @@
 // defines the ALSA functions itself (see the *Interposers.cpp files); each one
 // forwards to libasound unless a test armed a failure or installed a hook.
 
+#include <dlfcn.h>
+
 #include <any>
 #include <functional>
 #include <map>
@@ -27,22 +29,76 @@ struct State
     std::map<std::string, std::any> hooks;
     std::set<void*> handles;
 };
-State& state();
+inline State& state()
+{
+    static State* s = new State;   // never destroyed: interposers may run during exit
+    return *s;
+}
 
 /// Makes `function` return `result` for `times` calls (-1: until reset), after
 /// letting `after` calls pass through.
-void arm(const std::string& function, long result, int times = 1, int after = 0);
+inline void arm(const std::string& function, long result, int times = 1, int after = 0)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().armed[function] = Armed{result, times, after};
+}
+
 /// Clears every armed failure and hook, and the call counters.
-void reset();
+inline void reset()
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().armed.clear();
+    state().calls.clear();
+    state().hooks.clear();
+}
+
 /// Calls since the last reset of every function whose name starts with `prefix`.
-int calls(const std::string& prefix);
-/// PCM and mixer handles opened through the library and not closed yet.
-int openHandles();
-void track(void* handle, bool open);
+inline int calls(const std::string& prefix)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    int total = 0;
+    for (const auto& entry : state().calls)
+        total += entry.first.compare(0, prefix.size(), prefix) == 0 ? entry.second : 0;
+    return total;
+}
 
 // Interposer internals.
-bool takeFailure(const char* function, long* result);
-void* realSymbol(const char* function);
+inline bool takeFailure(const char* function, long* result)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    ++state().calls[function];
+    auto it = state().armed.find(function);
+    if (it == state().armed.end() || it->second.times == 0)
+        return false;
+    Armed& armed = it->second;
+    if (armed.after > 0)
+        return --armed.after, false;
+    armed.times -= armed.times > 0 ? 1 : 0;
+    *result = armed.result;
+    return true;
+}
+
+inline void* realSymbol(const char* function)
+{
+    // The hw_params accessors exist in two symbol versions; the library links
+    // against the newer one.
+    if (void* versioned = dlvsym(RTLD_NEXT, function, "ALSA_0.9.0rc4"))
+        return versioned;
+    return dlsym(RTLD_NEXT, function);
+}
+
+inline void track(void* handle, bool open)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    open ? (void)state().handles.insert(handle) : (void)state().handles.erase(handle);
+}
+
+/// PCM and mixer handles opened through the library and not closed yet.
+inline int openHandles()
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    return static_cast<int>(state().handles.size());
+}
 
 /// Replaces `function` by `hook` until reset(); the hook may call the real one
 /// through real().
