@@ -9,7 +9,6 @@
 #include "LogCapture.h"
 #include "TestEnvironment.h"
 
-#include <QElapsedTimer>
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -167,10 +166,11 @@ TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasi
     EXPECT_TRUE(AlsaInputDevice(pcm, 48000, 2, S16, 20, 100).open());
 }
 
-// Pacing by the sleeps asked for (hooked, not slept): each block counts for the
-// frames the file supplied, the tail of the last one is zero-filled, zero
-// blocks follow at full length, and a reader that fell behind catches up
-// without sleeping until it is back in step.
+// Pacing by the sleeps asked for (hooked, not slept, so that no load on the
+// machine can break a bound): each block counts for the frames the file
+// supplied, the tail of the last one is zero-filled, zero blocks follow at
+// full length, and a reader that fell behind catches up without sleeping
+// until it is back in step.
 TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosAfterItsEnd)
 {
     constexpr int Block = 24000 * 4;   // 500 ms of 48 kHz stereo S16
@@ -199,13 +199,4 @@ TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosAfterItsEnd)
     EXPECT_FALSE(device.playFile(dataDirectory() + "/no-such.raw"));
     EXPECT_EQ(device.errorCode(), -ENOENT);
     EXPECT_TRUE(!FileInputDevice(0, 2, S16).read(&block, 480) && FileInputDevice(1, 2, S16).read(&block, 0));
-    // In real time, without a file: 25 blocks of 20 ms take 500 ms, not much more.
-    faults::reset();
-    FileInputDevice fresh(48000, 2, S16);
-    QElapsedTimer timer;
-    timer.start();
-    for (int i = 0; i < 25; ++i)
-        ASSERT_TRUE(fresh.read(&block, 960));
-    EXPECT_GE(timer.elapsed(), 500);
-    EXPECT_LE(timer.elapsed(), 500 + quiltest::scaledMs(300));
 }
