@@ -52,6 +52,8 @@ TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
     ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 3; }));
     EXPECT_TRUE(first.bytes() == device.frames(1, 3 * 480));
     EXPECT_TRUE(second.bytes() == first.bytes() && live.bytes() == first.bytes());
+    for (int i = 0; i < 3; ++i)   // the time-shifted feeds first, then the live one
+        EXPECT_LT(qMax(first.order().value(i), second.order().value(i)), live.order().value(i)) << i;
     EXPECT_TRUE(device.openedOnCaptureThread);
     first.transfer().finish(CMError());   // its consumer is done: nothing more for it
     provider->stop();
@@ -74,6 +76,33 @@ TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
         EXPECT_EQ(other.closes, 1);
     }
     deleteFinishedThreadObjects();
+}
+
+// A time-shifted feed starts with the newest whole frames of the ring that
+// its offset covers (truncated: 3 ms at 44.1 kHz are 132.3 frames), all of
+// the ring for an offset beyond it, nothing for none or without a ring; live
+// blocks follow.
+TEST(Provider, TimeShiftedFeedsStartWithTheNewestWholeFramesOfTheRing)
+{
+    struct Case { int rate, ringMs, offsetMs, prefillFrames; };
+    for (const Case& c : {Case{44100, 100, 3, 132}, Case{48000, 100, 250, 4800}, Case{48000, 100, 40, 1920},
+                          Case{48000, 100, 0, 0}, Case{48000, 100, -5, 0}, Case{48000, 0, 40, 0}}) {
+        SCOPED_TRACE(c.offsetMs);
+        ScriptedInputDevice device;
+        device.rate = c.rate;
+        device.gated = true;
+        AudioInputDataProvider provider(&device, c.ringMs, 210);   // 100 ms is no whole number of reads
+        FeedRecorder live(provider.liveFeed());
+        provider.start();
+        device.permit(30);
+        ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 30 && device.reads == 31; }));
+        FeedRecorder feed(provider.liveFeedWithOffset(c.offsetMs));
+        device.permit(1);
+        ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 31 && feed.blockCount() == (c.prefillFrames > 0) + 1; }));
+        EXPECT_TRUE(feed.bytes() == device.frames(30 * 210 - c.prefillFrames + 1, c.prefillFrames + 210));
+        provider.stop();
+        device.openGate();
+    }
 }
 
 // Read errors restart the run every 2000 ms with the device left open; an

@@ -135,6 +135,7 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
 {
     AlsaCard card("testmix", false);
     EXPECT_FALSE(card.loadMixerElement("master"));
+    EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair(QString("Cannot load mixer element, not opened testmix"), 0));
     faults::arm("snd_mixer_load", -EIO);
     EXPECT_FALSE(card.open());
     EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair("Mixer testmix load error: " + alsaText(-EIO), -EIO));
@@ -167,6 +168,24 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     ASSERT_TRUE(zoomSpy.wait(2000));
     EXPECT_EQ(spy.count(), 2);
     EXPECT_FALSE(AlsaCard("no_such_mixer", true).isOpen());
+}
+
+// dB in hundredths, truncated toward zero, on the side asked for; the test
+// mixer's scale (-50 dB + 0.5 dB a step) rounds a setting down to its step.
+TEST_F(MixerTest, DecibelsAreSetAndReadInHundredthsOnEitherSide)
+{
+    AlsaCard card("testmix", true);
+    struct Case { const char* element; AlsaElementMode mode; double set; long volume; double dB; };
+    for (const Case& c : {Case{"Master", Playback, -10.555, 78, -11.0}, Case{"Capture", Capture, -0.6, 98, -1.0}}) {
+        SCOPED_TRACE(c.element);
+        auto element = card.loadMixerElement(c.element);
+        ASSERT_TRUE(element && element->hasDB(c.mode));
+        long volume = 0;
+        double dB = 0;
+        EXPECT_TRUE(element->setDB(c.set, c.mode) && element->getVolume(&volume, c.mode) && element->getDB(&dB, c.mode));
+        EXPECT_EQ(std::make_pair(volume, dB), std::make_pair(c.volume, c.dB));
+    }
+    EXPECT_FALSE(card.loadMixerElement("Headphone")->hasDB(Playback));
 }
 
 // A poll error or a dead backend closes the mixer for good; the card opens

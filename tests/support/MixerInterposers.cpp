@@ -1,35 +1,11 @@
 // Pass-through definitions of the mixer functions that tests make fail or
 // count (see AlsaFaults.h).
-// Open and close also keep the count of live mixer handles for leak checks.
 
 #include "AlsaFaults.h"
 
 #include <alsa/asoundlib.h>
 
-using quiltest::faults::real;
-using quiltest::faults::takeFailure;
-
-extern "C" int snd_mixer_open(snd_mixer_t** mixer, int mode)
-{
-    long armedResult = 0;
-    if (takeFailure("snd_mixer_open", &armedResult))
-        return static_cast<int>(armedResult);
-    static auto* realOpen = real<int(snd_mixer_t**, int)>("snd_mixer_open");
-    const int result = realOpen(mixer, mode);
-    if (result >= 0)
-        quiltest::faults::track(*mixer, true);
-    return result;
-}
-
-extern "C" int snd_mixer_close(snd_mixer_t* mixer)
-{
-    long armedResult = 0;
-    const bool fail = takeFailure("snd_mixer_close", &armedResult);
-    static auto* realClose = real<int(snd_mixer_t*)>("snd_mixer_close");
-    quiltest::faults::track(mixer, false);
-    const int result = realClose(mixer);   // an injected failure still releases the handle
-    return fail ? static_cast<int>(armedResult) : result;
-}
+QUIL_INTERPOSE_OPEN_CLOSE(snd_mixer_t, snd_mixer_open, snd_mixer_close, (snd_mixer_t** handle, int mode), (handle, mode))
 
 using Elem = snd_mixer_elem_t;
 using Channel = snd_mixer_selem_channel_id_t;

@@ -1,37 +1,13 @@
 // Pass-through definitions of every PCM function the library calls, so that a
-// test can make any of them fail (see AlsaFaults.h). Open and close also keep
-// the count of live handles that leak checks read.
+// test can make any of them fail (see AlsaFaults.h).
 
 #include "AlsaFaults.h"
 
 #include <alsa/asoundlib.h>
 
-using quiltest::faults::hookFor;
-using quiltest::faults::real;
-using quiltest::faults::takeFailure;
-
-extern "C" int snd_pcm_open(snd_pcm_t** pcm, const char* name, snd_pcm_stream_t stream, int mode)
-{
-    long armedResult = 0;
-    if (takeFailure("snd_pcm_open", &armedResult))
-        return static_cast<int>(armedResult);
-    static auto* realOpen = real<int(snd_pcm_t**, const char*, snd_pcm_stream_t, int)>("snd_pcm_open");
-    const int result = realOpen(pcm, name, stream, mode);
-    if (result >= 0)
-        quiltest::faults::track(*pcm, true);
-    return result;
-}
-
-extern "C" int snd_pcm_close(snd_pcm_t* pcm)
-{
-    long armedResult = 0;
-    const bool fail = takeFailure("snd_pcm_close", &armedResult);
-    static auto* realClose = real<int(snd_pcm_t*)>("snd_pcm_close");
-    quiltest::faults::track(pcm, false);
-    const int result = realClose(pcm);   // an injected failure still releases the handle
-    return fail ? static_cast<int>(armedResult) : result;
-}
-
+QUIL_INTERPOSE_OPEN_CLOSE(snd_pcm_t, snd_pcm_open, snd_pcm_close,
+                          (snd_pcm_t** handle, const char* name, snd_pcm_stream_t stream, int mode),
+                          (handle, name, stream, mode))
 QUIL_INTERPOSE(int, snd_pcm_hw_params_malloc, (snd_pcm_hw_params_t** p), (p))
 QUIL_INTERPOSE(int, snd_pcm_hw_params_any, (snd_pcm_t* pcm, snd_pcm_hw_params_t* p), (pcm, p))
 QUIL_INTERPOSE(int, snd_pcm_hw_params_set_access,

@@ -54,7 +54,7 @@ public:
         deliveredFrames += frameCount;
         return true;
     }
-    int sampleRate() const override { return 48000; }
+    int sampleRate() const override { return rate; }
     int bytesPerSample() const override { return 2; }
     int channelCount() const override { return 2; }
     QString name() const override { return QStringLiteral("Scripted Device"); }
@@ -72,6 +72,7 @@ public:
     std::atomic<bool> failOpen{false}, failReads{false}, openedOnCaptureThread{false};
     std::atomic<bool> gated{false};   // set before start(): each read waits for a permit() until openGate()
     QList<int> framesPerRead;   // cycled; empty: as many as asked for. Set before start().
+    int rate = 48000;   // set before the provider is made
     std::atomic<int> opens{0}, closes{0}, reads{0}, deliveredFrames{0};   // reads: entered, waiting ones too
 
 private:
@@ -80,15 +81,19 @@ private:
 };
 
 // Records what a transfer receives, from whichever thread, and whether it was
-// finished. The handlers hold only shared state, so the recorder may go first.
+// finished; each block gets a number from one count for all recorders, which
+// tells the order of deliveries across feeds. The handlers hold only shared
+// state, so the recorder may go first.
 class FeedRecorder
 {
 public:
     explicit FeedRecorder(CMDataTransfer transfer) : m_transfer(std::move(transfer))
     {
         m_transfer.onDataAvailable([state = m_state](const QByteArray& block) {
+            static std::atomic<int> deliveries{0};
             std::lock_guard<std::mutex> lock(state->mutex);
             state->blocks.append(block);
+            state->order.append(++deliveries);
         });
         m_transfer.onFinished([state = m_state](const CMError&) { state->finished = true; });
     }
@@ -98,12 +103,17 @@ public:
         std::lock_guard<std::mutex> lock(m_state->mutex);
         return m_state->blocks;
     }
+    QList<int> order() const
+    {
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        return m_state->order;
+    }
     QByteArray bytes() const { return blocks().join(); }
     int blockCount() const { return blocks().size(); }
     bool isFinished() const { return m_state->finished; }
 
 private:
-    struct State { std::mutex mutex; QList<QByteArray> blocks; std::atomic<bool> finished{false}; };
+    struct State { std::mutex mutex; QList<QByteArray> blocks; QList<int> order; std::atomic<bool> finished{false}; };
     std::shared_ptr<State> m_state = std::make_shared<State>();
     CMDataTransfer m_transfer;
 };
