@@ -8,9 +8,7 @@
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QString>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <alsa/asoundlib.h>
@@ -20,6 +18,7 @@
 #include <cstring>
 #include <new>
 
+// The published declarations, virtual functions in slot order.
 class AudioInputDevice
 {
 public:
@@ -74,27 +73,6 @@ public:
     virtual int bytesPerSample() const = 0;
     virtual int channelCount() const = 0;
     virtual QString name() const = 0;
-};
-
-class FileOutputDevice : public AudioOutputDevice
-{
-public:
-    FileOutputDevice(const QString& fileName, int sampleRate, int channelCount, _snd_pcm_format format);
-    ~FileOutputDevice() override;
-    bool open() override;
-    void close(AudioOutputDevice::CloseMode mode) override;
-    bool isOpened() override;
-    AudioOutputDevice::WriteResult write(const QByteArray& data) override;
-    int framesReady() const override;
-    int sampleRate() const override;
-    int bytesPerSample() const override;
-    int channelCount() const override;
-    QString name() const override;
-
-    QFile m_file;
-    int m_sampleRate;
-    int m_channelCount;
-    _snd_pcm_format m_format;
 };
 
 class AudioInputDataProviderThread;
@@ -222,20 +200,6 @@ TEST(HostBuilt, LibraryConstructorsFitTheSizesTheHostAllocates)
         EXPECT_TRUE(device->read(&block, 64));
         EXPECT_EQ(block.size(), 64 * 4);
     }, QStringLiteral("null"), 48000, 2u, SND_PCM_FORMAT_S16_LE, 20, 100);
-
-    QTemporaryDir dir;
-    const QString path = dir.filePath("out.raw");
-    inCanaryStorage<FileOutputDevice>([&](FileOutputDevice* device) {
-        EXPECT_EQ(device->m_sampleRate, 8000);
-        EXPECT_EQ(device->m_format, SND_PCM_FORMAT_U8);
-        AudioOutputDevice* output = device;
-        ASSERT_TRUE(output->open());
-        EXPECT_EQ(output->write("host"), AudioOutputDevice::Written);
-        EXPECT_EQ(output->bytesPerSample(), 1);
-    }, path, 8000, 1, SND_PCM_FORMAT_U8);
-    QFile written(path);
-    ASSERT_TRUE(written.open(QIODevice::ReadOnly));
-    EXPECT_EQ(written.readAll(), QByteArray("host"));
 
     HostOutputDevice output;
     AudioOutputDevice* base = &output;
