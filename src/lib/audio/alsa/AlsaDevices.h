@@ -1,0 +1,47 @@
+#pragma once
+
+#include "QuilAudioGlobal.h"
+
+#include <QList>
+#include <QString>
+#include <QVector>
+
+#include <alsa/asoundlib.h>
+
+/// What ALSA offers on this system, for a host program that lets a person
+/// choose a device: the PCMs that ALSA's device name hints name, the sound
+/// cards, and the sample formats a PCM takes. Each call asks ALSA afresh;
+/// safe from any thread.
+class QUIL_AUDIO_EXPORT AlsaDevices
+{
+public:
+    struct Pcm
+    {
+        QString name;
+        /// As the hint gives it; hardware hints hold several lines.
+        QString description;
+        /// A hint without a direction serves both.
+        bool playback = true;
+        bool capture = true;
+    };
+
+    struct Card
+    {
+        int index = -1;
+        QString name;
+        QString longName;
+        /// "hw:N": the card's control and mixer device.
+        QString device;
+    };
+
+    /// The hinted PCMs in ALSA's order. A PCM without a hint (often
+    /// "default") is not listed but opens by name. Empty on failure, after
+    /// logging it; *errorCode (if given) receives the ALSA error code, else 0.
+    static QList<Pcm> pcms(int* errorCode = nullptr);
+    /// The sound cards in index order.
+    static QList<Card> cards();
+    /// The formats that the PCM `name` takes for `stream`, in ALSA's order,
+    /// probed without waiting for a busy device. Empty when it cannot be
+    /// opened, after logging why; *errorCode as for pcms().
+    static QVector<_snd_pcm_format> formats(const QString& name, _snd_pcm_stream stream, int* errorCode = nullptr);
+};
