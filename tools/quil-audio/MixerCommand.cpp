@@ -1,16 +1,14 @@
 #include "MixerCommand.h"
 
-#include "CommandSupport.h"
+#include "CommandLine.h"
+#include "Signals.h"
 
 #include "AlsaCard.h"
-#include "AlsaMixerHandle.h"
 
-#include <QCommandLineParser>
 #include <QEventLoop>
 #include <QRegularExpression>
 
 #include <cmath>
-#include <cstdio>
 
 namespace quilaudio {
 
@@ -30,22 +28,11 @@ const char* const Usage =
     "when the element has it there, else on the capture side, unless --playback or\n"
     "--capture says which.";
 
-void printOut(const QString& line)
-{
-    std::fprintf(stdout, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stdout); // a watcher's lines must reach a pipe as they happen
-}
-
-bool volumeRange(AlsaMixerElement& element, AlsaElementMode mode, long* min, long* max)
-{
-    return element.getVolumeRange(min, max, mode);
-}
-
 QString describeSide(AlsaMixerElement& element, AlsaElementMode mode)
 {
     QStringList parts;
     long min = 0, max = 0, value = 0;
-    if (volumeRange(element, mode, &min, &max) && element.getVolume(&value, mode)) {
+    if (element.getVolumeRange(&min, &max, mode) && element.getVolume(&value, mode)) {
         // In double: where long has 32 bits, max - min of a full-range control overflows.
         const long percent = max > min ? std::lround(100.0 * (double(value) - min) / (double(max) - min)) : 0;
         QString volume = QStringLiteral("volume %1 [%2..%3] %4%").arg(value).arg(min).arg(max).arg(percent);
@@ -175,15 +162,10 @@ AlsaMixerElementPtr MixerCommand::load(const QString& name, int* status)
     return element;
 }
 
-// Every element the mixer lists, through the card like any other request.
 QList<AlsaMixerElementPtr> MixerCommand::loadAll(int* status)
 {
-    QStringList names;
-    if (QSharedPointer<AlsaMixerHandle> handle = AlsaMixerHandle::openHandle(m_device))
-        names = handle->buildElementList();
-    names.removeDuplicates();
     QList<AlsaMixerElementPtr> elements;
-    for (const QString& name : qAsConst(names)) {
+    for (const QString& name : m_card->elementNames()) {
         if (AlsaMixerElementPtr element = load(name, status))
             elements << element;
         else
@@ -241,7 +223,7 @@ bool MixerCommand::chooseSide(const QString& control, AlsaMixerElement& element,
 {
     long min = 0, max = 0;
     const auto has = [&](AlsaElementMode side) {
-        return control == QLatin1String("switch") ? element.hasSwitch(side) : volumeRange(element, side, &min, &max);
+        return control == QLatin1String("switch") ? element.hasSwitch(side) : element.getVolumeRange(&min, &max, side);
     };
     if (m_playbackAsked || m_captureAsked) {
         *mode = m_playbackAsked ? Playback : Capture;
@@ -265,7 +247,7 @@ int MixerCommand::setVolume(AlsaMixerElement& element, const QString& value)
     AlsaElementMode mode = Playback;
     QString error;
     long min = 0, max = 0;
-    if (!chooseSide(QStringLiteral("volume"), element, &mode, &error) || !volumeRange(element, mode, &min, &max))
+    if (!chooseSide(QStringLiteral("volume"), element, &mode, &error) || !element.getVolumeRange(&min, &max, mode))
         return fail(Command, error, ExitFailed);
     const bool percent = value.endsWith(QLatin1Char('%'));
     bool ok = false;

@@ -2,6 +2,7 @@
 
 #include "AlsaMixerElement.h"
 
+#include <QCommandLineParser>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -9,7 +10,6 @@
 #include <memory>
 
 class AlsaCard;
-class QCommandLineParser;
 
 namespace quilaudio {
 

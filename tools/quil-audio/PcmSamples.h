@@ -1,7 +1,7 @@
 #pragma once
 
 // Sample values of linear and floating-point PCM formats as numbers in
-// [-1, 1]: what the tone generator writes and the peak meter reads.
+// [-1, 1]: what the tone generator writes and the level meters read.
 
 #include <QByteArray>
 #include <QVector>
@@ -19,10 +19,14 @@ double decodeSample(const char* data, snd_pcm_format_t format);
 /// Stores value, clamped to [-1, 1], as one sample of format at data.
 void encodeSample(double value, snd_pcm_format_t format, char* data);
 
-/// Raises (*peaks)[c] to the largest magnitude of channel c in `bytes` of
-/// interleaved frames; *peaks is sized to the channel count. Does nothing for
+/// Raises (*peaks)[c] to the largest magnitude of channel c in the block's
+/// whole frames; *peaks is sized to the channel count. Does nothing more for
 /// formats without sample values.
-void accumulatePeaks(const char* data, qint64 bytes, snd_pcm_format_t format, int channels, QVector<double>* peaks);
+void accumulatePeaks(const QByteArray& block, snd_pcm_format_t format, int channels, QVector<double>* peaks);
+
+/// The index of the block's first frame with a sample whose magnitude is at
+/// or above level, or -1.
+int firstFrameAtOrAbove(const QByteArray& block, snd_pcm_format_t format, int channels, double level);
 
 /// A peak magnitude in dBFS ("-6.0", "-inf").
 QString dbfsText(double peak);

@@ -1,11 +1,12 @@
 #include "PlayCommand.h"
 
 #include "PcmSamples.h"
+#include "Signals.h"
 
+#include "AlsaDevices.h"
 #include "AlsaOutputDevice.h"
 #include "FileOutputDevice.h"
 
-#include <QCommandLineParser>
 #include <QElapsedTimer>
 
 #include <algorithm>
@@ -18,7 +19,7 @@ const QString Command = QStringLiteral("play");
 
 const char* const Usage =
     "Plays FILE, stdin (\"-\", the default) or a generated tone through an ALSA PCM (-D)\n"
-    "or into a raw file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
+    "or into a raw PCM file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
     "give rate, channels and format from their header, read in a format the device takes;\n"
     ".raw files, names without extension and stdin are raw PCM (interleaved frames).\n"
     "Xruns are recovered, counted and reported. On a terminal a progress line shows the\n"
@@ -50,25 +51,6 @@ QString formatText(snd_pcm_format_t format)
 {
     return format == SND_PCM_FORMAT_UNKNOWN ? QStringLiteral("encoded")
                                             : QString::fromLatin1(snd_pcm_format_name(format));
-}
-
-// The first of formats that the playback PCM takes, or SND_PCM_FORMAT_UNKNOWN.
-// A PCM that does not open gives the first, for the real open to report why.
-snd_pcm_format_t firstFormatTaken(const QString& device, const QVector<snd_pcm_format_t>& formats)
-{
-    snd_pcm_t* opened = nullptr;
-    if (snd_pcm_open(&opened, device.toLocal8Bit().constData(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
-        return formats.first();
-    const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> pcm(opened, snd_pcm_close);
-    snd_pcm_hw_params_t* params = nullptr;
-    snd_pcm_hw_params_alloca(&params);
-    if (snd_pcm_hw_params_any(pcm.get(), params) < 0)
-        return formats.first();
-    for (snd_pcm_format_t format : formats) {
-        if (snd_pcm_hw_params_test_format(pcm.get(), params, format) == 0)
-            return format;
-    }
-    return SND_PCM_FORMAT_UNKNOWN;
 }
 
 } // namespace
@@ -213,8 +195,14 @@ bool PlayCommand::chooseReadFormat(QString* error)
     QVector<snd_pcm_format_t> candidates = AudioFile::readableFormats();
     if (candidates.removeOne(own))
         candidates.prepend(own);
-    const snd_pcm_format_t chosen = m_outputFile.isEmpty() ? firstFormatTaken(m_stream.device, candidates)
-                                                           : candidates.first();
+    snd_pcm_format_t chosen = candidates.first();
+    // A PCM that does not open keeps the first, for the real open to say why.
+    const QVector<snd_pcm_format_t> taken = m_outputFile.isEmpty()
+        ? AlsaDevices::formats(m_stream.device, SND_PCM_STREAM_PLAYBACK) : QVector<snd_pcm_format_t>();
+    if (!taken.isEmpty()) {
+        const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
+        chosen = first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN : *first;
+    }
     if (chosen == SND_PCM_FORMAT_UNKNOWN) {
         *error = QStringLiteral("'%1' takes none of the formats '%2' can be read as").arg(m_stream.device, m_input);
         return false;
@@ -326,17 +314,11 @@ bool PlayCommand::nextBlock(int frames, QByteArray* block, QString* error)
         *block = m_tone->next(frames);
         return true;
     }
-    const int inputFrameBytes = m_stream.frameBytes();
-    // A view into the file's chunk: the device is done with it when write() returns.
-    QByteArray input;
-    if (!m_inputFile.readBlock(qint64(frames) * inputFrameBytes, &input)) {
+    if (!m_inputFile.read(frames, block)) {
         *error = m_inputFile.errorString();
         return false;
     }
-    // A trailing partial frame at the end of the input is not played.
-    if (input.size() % inputFrameBytes != 0)
-        input = QByteArray::fromRawData(input.constData(), input.size() - input.size() % inputFrameBytes);
-    *block = matchDeviceChannels(input);
+    *block = matchDeviceChannels(*block);
     return true;
 }
 

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "AudioFile.h"
-#include "CommandSupport.h"
+#include "CommandLine.h"
+#include "ProgressLine.h"
 
 #include <QByteArray>
 
@@ -10,14 +11,13 @@
 
 class AlsaOutputDevice;
 class AudioOutputDevice;
-class QCommandLineParser;
 
 namespace quilaudio {
 
 class ToneGenerator;
 
-/// `quil-audio play`: raw PCM from a file, stdin or a generated tone into an
-/// AlsaOutputDevice or a FileOutputDevice, on the calling thread.
+/// `quil-audio play`: an audio file, raw PCM on stdin or a generated tone into
+/// an AlsaOutputDevice or a FileOutputDevice (raw), on the calling thread.
 class PlayCommand
 {
 public:

@@ -1,15 +1,14 @@
 #include "RecordCommand.h"
 
 #include "PcmSamples.h"
+#include "Signals.h"
 
 #include "AlsaInputDevice.h"
 #include "AudioInputDataProvider.h"
 #include "FileInputDevice.h"
 
-#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QTimer>
 
 #include <algorithm>
@@ -29,11 +28,11 @@ const char* const Usage =
     "(--input-file) and writes FILE: WAV (RF64 past 4 GiB), RF64, W64, FLAC, Ogg Vorbis or AU\n"
     "by its extension or -t; raw PCM (interleaved frames, no header) for .raw, a name\n"
     "without extension, or stdout.\n"
-    "Recording is asked for as capture starts or, with --trigger-dbfs, when a block first\n"
-    "peaks at or above that level. --pre-roll-ms starts the output that much audio before\n"
-    "that moment, taken from the ring buffer (--ring-ms); with a trigger it counts back from\n"
-    "the end of the block that fired it. Audio from before the capture started is silence.\n"
-    "-d counts the whole output, the pre-roll included.\n"
+    "Recording is asked for as capture starts or, with --trigger-dbfs, at the first sample\n"
+    "at or above that level. --pre-roll-ms starts the output that much audio before that\n"
+    "moment (that sample, with a trigger), taken from the ring buffer (--ring-ms). Audio\n"
+    "from before the capture started is silence. -d counts the whole output, the pre-roll\n"
+    "included.\n"
     "--mute records silence; SIGUSR1 toggles muting. Ctrl-C ends the recording. On a terminal\n"
     "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
     "stderr sums up frames, peaks and capture errors.";
@@ -75,11 +74,12 @@ int RecordCommand::run(const QStringList& arguments)
          QStringLiteral("Period in microseconds (125000); one read of the provider."), QStringLiteral("us")},
         {{QStringLiteral("B"), QStringLiteral("buffer-time")},
          QStringLiteral("ALSA buffer in microseconds (4 periods)."), QStringLiteral("us")},
-        {QStringLiteral("ring-ms"), QStringLiteral("Ring buffer of recent audio (the pre-roll, at least a period)."),
+        {QStringLiteral("ring-ms"),
+         QStringLiteral("Ring buffer of recent audio (the pre-roll, at least a period; a period more with a trigger)."),
          QStringLiteral("ms")},
         {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."),
          QStringLiteral("ms")},
-        {QStringLiteral("trigger-dbfs"), QStringLiteral("Ask for recording when a block peaks at this level."),
+        {QStringLiteral("trigger-dbfs"), QStringLiteral("Ask for recording at the first sample at this level or above."),
          QStringLiteral("dBFS")},
         {QStringLiteral("mute"), QStringLiteral("Start muted (silence is recorded); SIGUSR1 toggles.")},
     });
@@ -90,8 +90,14 @@ int RecordCommand::run(const QStringList& arguments)
                           [&](QString* error) { return readOptions(parser, error); }))
         return status;
     status = openSource();
-    if (status == ExitOk)
-        status = openSink();
+    if (status != ExitOk)
+        return status;
+    m_frameBytes = m_device->bytesPerSample() * m_device->channelCount();
+    const qint64 bytesPerSecond = qint64(m_stream.rate) * m_frameBytes;
+    if (m_ringMs * bytesPerSecond > MaxRingProduct)
+        return fail(Command, QStringLiteral("--ring-ms %1 is too long for this stream (at most %2 ms)")
+                                 .arg(m_ringMs).arg(MaxRingProduct / bytesPerSecond), ExitUsage);
+    status = openSink();
     return status == ExitOk ? captureUntilDone() : status;
 }
 
@@ -115,28 +121,27 @@ bool RecordCommand::readOptions(const QCommandLineParser& parser, QString* error
     }
     m_inputFile = parser.value(QStringLiteral("input-file"));
     m_startMuted = parser.isSet(QStringLiteral("mute"));
-    m_frameBytes = m_stream.frameBytes();
     m_framesWanted = m_stream.durationFrames();
+    m_hasTrigger = parser.isSet(QStringLiteral("trigger-dbfs"));
     if (m_periodMs < 0)
         m_periodMs = DefaultPeriodMs;
     if (m_bufferMs < 0)
         m_bufferMs = BufferPeriods * m_periodMs;
 
     // The ring must hold one read at least; without a pre-roll none is needed.
-    if (m_ringMs < 0)
+    // A trigger counts back from a sample inside the newest read, so the ring
+    // holds that read besides (and a millisecond for rounding).
+    if (m_ringMs < 0 && m_hasTrigger)
+        m_ringMs = m_preRollMs + m_periodMs + 1;
+    else if (m_ringMs < 0)
         m_ringMs = m_preRollMs > 0 ? std::max(m_preRollMs, m_periodMs) : 0;
-    const qint64 bytesPerSecond = qint64(m_stream.rate) * m_frameBytes;
     if (m_ringMs > 0 && m_ringMs < m_periodMs)
         *error = QStringLiteral("--ring-ms %1 holds less than one period (%2 ms)").arg(m_ringMs).arg(m_periodMs);
     else if (m_preRollMs > m_ringMs)
         *error = QStringLiteral("--pre-roll-ms %1 is longer than the ring (--ring-ms %2)").arg(m_preRollMs).arg(m_ringMs);
-    else if (m_ringMs * bytesPerSecond > MaxRingProduct)
-        *error = QStringLiteral("--ring-ms %1 is too long for this stream (at most %2 ms)")
-                     .arg(m_ringMs).arg(MaxRingProduct / bytesPerSecond);
     if (!error->isEmpty())
         return false;
 
-    m_hasTrigger = parser.isSet(QStringLiteral("trigger-dbfs"));
     double triggerDb = 0;
     if (!readDouble(parser, QStringLiteral("trigger-dbfs"), &triggerDb, error))
         return false;
@@ -188,7 +193,7 @@ int RecordCommand::captureUntilDone()
     live.onDataAvailable([this](const QByteArray& block) { onLiveBlock(block); });
     m_armed = m_hasTrigger;
     if (!m_hasTrigger)
-        startRecording();
+        startRecording(0);
 
     SignalWatcher signalWatcher;
     QObject::connect(&signalWatcher, &SignalWatcher::stopSignalled, &m_loop, &QEventLoop::quit);
@@ -225,8 +230,7 @@ int RecordCommand::checkCaptureRuns(qint64 elapsedMs)
 {
     if (m_blocksSeen > 0)
         return ExitOk;
-    const QString source = m_inputFile.isEmpty() ? QStringLiteral("'%1'").arg(m_stream.device)
-                                                 : QStringLiteral("'%1'").arg(m_inputFile);
+    const QString source = QStringLiteral("'%1'").arg(m_inputFile.isEmpty() ? m_stream.device : m_inputFile);
     const quil::CaptureStatus capture = m_provider->captureStatus();
     if (!capture.errorString.isEmpty())
         return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, capture.errorString), ExitFailed);
@@ -256,31 +260,40 @@ void RecordCommand::stopProvider()
 void RecordCommand::onLiveBlock(const QByteArray& block)
 {
     ++m_blocksSeen;
-    // The meter is drawn only on a terminal; without it only a trigger needs the level.
-    if (!m_progress.isShown() && !m_armed)
-        return;
-    QVector<double> peaks;
-    accumulatePeaks(block.constData(), block.size(), m_stream.format, static_cast<int>(m_stream.channels), &peaks);
-    {
+    const int channels = static_cast<int>(m_stream.channels);
+    // The meter is measured only while it is drawn.
+    if (m_progress.isShown()) {
+        QVector<double> peaks;
+        accumulatePeaks(block, m_stream.format, channels, &peaks);
         QMutexLocker locker(&m_meterMutex);
         if (m_meterPeaks.size() != peaks.size())
             m_meterPeaks.fill(0.0, peaks.size());
         for (int channel = 0; channel < peaks.size(); ++channel)
             m_meterPeaks[channel] = std::max(m_meterPeaks[channel], peaks[channel]);
     }
-    const double loudest = peaks.isEmpty() ? 0.0 : *std::max_element(peaks.cbegin(), peaks.cend());
-    if (m_armed && !m_stopping && loudest >= m_triggerPeak) {
+    if (!m_armed || m_stopping)
+        return;
+    const int triggerFrame = firstFrameAtOrAbove(block, m_stream.format, channels, m_triggerPeak);
+    if (triggerFrame >= 0) {
         m_armed = false;
-        startRecording();
+        startRecording(block.size() / m_frameBytes - triggerFrame);
     }
 }
 
-// Asked on the worker thread inside the delivery of the block that fired the
-// trigger: that block is already in the ring and the new feed gets every
-// later one, so the output is exact to the frame.
-void RecordCommand::startRecording()
+// With a trigger, asked on the worker thread inside the delivery of the
+// block that fired it: that block is already in the ring, the new feed's
+// first block is its prefill from the ring, and every later block follows.
+// The offset is asked for in whole milliseconds, rounded up; the frames
+// before the pre-roll are dropped in onRecordedBlock(), so that the output
+// is exact to the frame.
+void RecordCommand::startRecording(int framesFromTrigger)
 {
-    m_recording = m_provider->liveFeedWithOffset(m_preRollMs);
+    int offsetMs = m_preRollMs;
+    if (framesFromTrigger > 0 && m_ringMs > 0) {
+        m_keepFrames = qint64(m_preRollMs) * m_stream.rate / 1000 + framesFromTrigger;
+        offsetMs = static_cast<int>(std::min<qint64>((m_keepFrames * 1000 + m_stream.rate - 1) / m_stream.rate, m_ringMs));
+    }
+    m_recording = m_provider->liveFeedWithOffset(offsetMs);
     m_recording.onDataAvailable([this](const QByteArray& block) { onRecordedBlock(block); });
 }
 
@@ -288,13 +301,19 @@ void RecordCommand::onRecordedBlock(const QByteArray& block)
 {
     if (m_done || m_frameBytes <= 0)
         return;
+    qint64 first = 0;
     qint64 frames = block.size() / m_frameBytes;
+    if (m_keepFrames >= 0) {
+        first = std::max<qint64>(frames - m_keepFrames, 0);
+        frames -= first;
+        m_keepFrames = -1;
+    }
     if (m_framesWanted >= 0)
         frames = std::min(frames, m_framesWanted - m_framesWritten);
-    const QByteArray part = QByteArray::fromRawData(block.constData(), static_cast<int>(frames * m_frameBytes));
-    accumulatePeaks(part.constData(), part.size(), m_stream.format, static_cast<int>(m_stream.channels),
-                    &m_recordedPeaks);
-    if (!m_outputFile.write(part.constData(), part.size())) {
+    const QByteArray part = QByteArray::fromRawData(block.constData() + first * m_frameBytes,
+                                                    static_cast<int>(frames * m_frameBytes));
+    accumulatePeaks(part, m_stream.format, static_cast<int>(m_stream.channels), &m_recordedPeaks);
+    if (!m_outputFile.write(part)) {
         endRecording(m_outputFile.errorString());
         return;
     }

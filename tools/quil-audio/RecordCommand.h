@@ -1,7 +1,8 @@
 #pragma once
 
 #include "AudioFile.h"
-#include "CommandSupport.h"
+#include "CommandLine.h"
+#include "ProgressLine.h"
 
 #include "CMDataTransfer.h"
 
@@ -14,12 +15,11 @@
 
 class AudioInputDataProvider;
 class AudioInputDevice;
-class QCommandLineParser;
 
 namespace quilaudio {
 
 /// `quil-audio record`: captures through an AudioInputDataProvider from an
-/// ALSA PCM or a raw file and writes a raw file or stdout.
+/// ALSA PCM or a raw file and writes an audio file or stdout.
 ///
 /// Threads: run() and the progress display run on the calling thread, whose
 /// event loop waits for the end; the provider's worker thread "AudioInputT"
@@ -44,10 +44,10 @@ private:
     int checkCaptureRuns(qint64 elapsedMs);
     void stopProvider();
 
-    // On the worker thread (and, for a pre-roll asked before the start, once
-    // on the calling thread before the worker runs).
+    // On the worker thread (and, without a trigger, once on the calling
+    // thread before the worker runs).
     void onLiveBlock(const QByteArray& block);
-    void startRecording();
+    void startRecording(int framesFromTrigger);
     void onRecordedBlock(const QByteArray& block);
     void endRecording(const QString& writeError);
 
@@ -72,6 +72,9 @@ private:
     AudioFile m_outputFile;
     int m_frameBytes = 0;
     qint64 m_framesWanted = -1;
+    // Frames of the recording's first block (the ring's) that the output
+    // keeps: the pre-roll and what follows the trigger; -1 keeps all.
+    qint64 m_keepFrames = -1;
     QEventLoop m_loop;
     ProgressLine m_progress;
 

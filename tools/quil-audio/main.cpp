@@ -1,7 +1,7 @@
 // quil-audio: the library's own command-line client, for bringing audio up on
 // a board before its host program exists. Each subcommand is one class.
 
-#include "CommandSupport.h"
+#include "CommandLine.h"
 #include "DevicesCommand.h"
 #include "MixerCommand.h"
 #include "PlayCommand.h"
@@ -19,8 +19,8 @@ namespace {
 const char* const Usage =
     "Captures, plays and controls audio through libquil_audio.\n"
     "Commands (each has --help):\n"
-    "  record   capture from an ALSA PCM or a raw file into a raw file or stdout\n"
-    "  play     play raw PCM or a tone to an ALSA PCM or a raw file\n"
+    "  record   capture from an ALSA PCM or a raw file into an audio file or stdout\n"
+    "  play     play an audio file, raw PCM on stdin or a tone to an ALSA PCM or a raw file\n"
     "  mixer    list, get, set and watch mixer elements\n"
     "  devices  list the PCMs and the sound cards with their mixer elements";
 
@@ -66,7 +66,7 @@ int main(int argc, char** argv)
     if (command == QLatin1String("mixer"))
         return quilaudio::MixerCommand().run(arguments);
     if (command == QLatin1String("devices"))
-        return quilaudio::DevicesCommand().run(arguments);
+        return quilaudio::runDevicesCommand(arguments);
     std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play, mixer or devices)\n", qPrintable(command));
     return quilaudio::ExitUsage;
 }

@@ -1,22 +1,36 @@
-#include "CommandSupport.h"
+#include "CommandLine.h"
 
-#include <QSocketNotifier>
-
-#include <log4cplus/consoleappender.h>
-#include <log4cplus/layout.h>
-#include <log4cplus/logger.h>
+#include "LibraryLog.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cmath>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace quilaudio {
+
+namespace {
+
+// An ALSA format name such as S16_LE (case-insensitive). Formats whose samples
+// do not fill their bytes (S24_LE keeps 24 bits in 4) are refused: the library
+// sizes blocks by the bit width, so those would be cut short.
+bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error)
+{
+    const snd_pcm_format_t value = snd_pcm_format_value(name.toUtf8().constData());
+    const int width = snd_pcm_format_width(value);
+    if (value == SND_PCM_FORMAT_UNKNOWN || width < 8) {
+        *error = QStringLiteral("unknown sample format '%1' (use an ALSA name such as S16_LE)").arg(name);
+        return false;
+    }
+    if (width != snd_pcm_format_physical_width(value)) {
+        *error = QStringLiteral("sample format '%1' keeps %2 bits in %3 bytes, which the library cannot size;"
+                                " use a packed format such as S24_3LE or S32_LE")
+                     .arg(name).arg(width).arg(snd_pcm_format_physical_width(value) / 8);
+        return false;
+    }
+    *format = value;
+    return true;
+}
+
+} // namespace
 
 int fail(const QString& command, const QString& message, int status)
 {
@@ -28,6 +42,12 @@ void printLine(const QString& line)
 {
     std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
     std::fflush(stderr);
+}
+
+void printOut(const QString& line)
+{
+    std::fprintf(stdout, "%s\n", line.toLocal8Bit().constData());
+    std::fflush(stdout);
 }
 
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream)
@@ -55,19 +75,13 @@ bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, 
         *status = ExitOk;
         return false;
     }
-    LibraryLog::configure(parser.isSet(QStringLiteral("verbose")));
+    routeLibraryLog(parser.isSet(QStringLiteral("verbose")));
     QString error;
     if (checkOptions && !checkOptions(&error)) {
         *status = fail(command, error, ExitUsage);
         return false;
     }
     return true;
-}
-
-int StreamOptions::frameBytes() const
-{
-    const int width = snd_pcm_format_width(format);
-    return width > 0 ? width / 8 * static_cast<int>(channels) : 0;
 }
 
 qint64 StreamOptions::durationFrames() const
@@ -118,24 +132,6 @@ bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options,
     return format.isEmpty() || parseFormat(format, &options->format, error);
 }
 
-bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error)
-{
-    const snd_pcm_format_t value = snd_pcm_format_value(name.toUtf8().constData());
-    const int width = snd_pcm_format_width(value);
-    if (value == SND_PCM_FORMAT_UNKNOWN || width < 8) {
-        *error = QStringLiteral("unknown sample format '%1' (use an ALSA name such as S16_LE)").arg(name);
-        return false;
-    }
-    if (width != snd_pcm_format_physical_width(value)) {
-        *error = QStringLiteral("sample format '%1' keeps %2 bits in %3 bytes, which the library cannot size;"
-                                " use a packed format such as S24_3LE or S32_LE")
-                     .arg(name).arg(width).arg(snd_pcm_format_physical_width(value) / 8);
-        return false;
-    }
-    *format = value;
-    return true;
-}
-
 bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min, qint64 max, int* value,
              QString* error)
 {
@@ -155,9 +151,9 @@ bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min
 bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& option, int* valueMs,
                           QString* error)
 {
+    int us = 0;
     if (!parser.isSet(option))
         return true;
-    int us = 0;
     if (!readInt(parser, option, 1, 10000000, &us, error))
         return false;
     // The library counts these times in whole milliseconds.
@@ -177,147 +173,6 @@ bool readDouble(const QCommandLineParser& parser, const QString& option, double*
     }
     *value = number;
     return true;
-}
-
-// ---- the library's log
-
-namespace {
-
-void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...)
-{
-}
-
-} // namespace
-
-void LibraryLog::configure(bool verbose)
-{
-    log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("AudioLib"));
-    logger.setAdditivity(false);
-    logger.removeAllAppenders();
-    if (verbose) {
-        log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true, true));
-        console->setLayout(std::unique_ptr<log4cplus::Layout>(
-            new log4cplus::PatternLayout(LOG4CPLUS_TEXT("%D{%H:%M:%S.%q} %-5p %m%n"))));
-        logger.addAppender(console);
-        logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-        snd_lib_error_set_handler(nullptr);
-    } else {
-        // Off rather than without appenders, which log4cplus would report.
-        logger.setLogLevel(log4cplus::OFF_LOG_LEVEL);
-        snd_lib_error_set_handler(silentAlsaErrorHandler);
-    }
-}
-
-// ---- signals
-
-namespace {
-
-int selfPipe[2] = {-1, -1};
-std::atomic<bool> stopFlag{false};
-
-void onSignal(int signal)
-{
-    const int savedErrno = errno;
-    if (signal != SIGUSR1)
-        stopFlag = true;
-    const char byte = static_cast<char>(signal);
-    if (::write(selfPipe[1], &byte, 1) < 0) {
-        // A full pipe already holds a wake-up; the flag carries the stop.
-    }
-    errno = savedErrno;
-}
-
-void onWatchdog(int)
-{
-    static const char text[] = "quil-audio: the device did not stop in time, giving up\n";
-    if (::write(STDERR_FILENO, text, sizeof text - 1) < 0) {
-        // Nothing more can be done on the way out.
-    }
-    ::_exit(ExitFailed);
-}
-
-void setHandler(int signal, void (*handler)(int))
-{
-    struct sigaction action {};
-    action.sa_handler = handler;
-    sigemptyset(&action.sa_mask);
-    // No SA_RESTART: a read of stdin that waits for input returns on Ctrl-C.
-    sigaction(signal, &action, nullptr);
-}
-
-} // namespace
-
-SignalWatcher::SignalWatcher()
-{
-    if (selfPipe[0] < 0 && ::pipe2(selfPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        selfPipe[0] = selfPipe[1] = -1;
-    if (selfPipe[0] >= 0) {
-        m_notifier = new QSocketNotifier(selfPipe[0], QSocketNotifier::Read, this);
-        connect(m_notifier, &QSocketNotifier::activated, this, &SignalWatcher::onSelfPipeReadable);
-    }
-    for (int signal : {SIGINT, SIGTERM, SIGUSR1})
-        setHandler(signal, onSignal);
-    // A reader that goes away shows as a failed write, not as a silent death.
-    std::signal(SIGPIPE, SIG_IGN);
-}
-
-SignalWatcher::~SignalWatcher()
-{
-    for (int signal : {SIGINT, SIGTERM, SIGUSR1})
-        setHandler(signal, SIG_DFL);
-}
-
-bool SignalWatcher::stopRequested()
-{
-    return stopFlag;
-}
-
-void SignalWatcher::onSelfPipeReadable()
-{
-    char received[16];
-    ssize_t n;
-    while ((n = ::read(selfPipe[0], received, sizeof received)) > 0) {
-        for (ssize_t i = 0; i < n; ++i) {
-            if (received[i] == SIGUSR1)
-                emit toggleSignalled();
-            else
-                emit stopSignalled();
-        }
-    }
-}
-
-void armStopWatchdog(unsigned int seconds)
-{
-    setHandler(SIGALRM, onWatchdog);
-    ::alarm(seconds);
-}
-
-// ---- progress
-
-ProgressLine::ProgressLine()
-    : m_enabled(::isatty(STDERR_FILENO) == 1)
-{
-}
-
-void ProgressLine::show(const QString& text)
-{
-    if (!m_enabled)
-        return;
-    std::fprintf(stderr, "\r%s\033[K", text.toLocal8Bit().constData());
-    std::fflush(stderr);
-    m_drawn = true;
-}
-
-void ProgressLine::finish()
-{
-    if (m_drawn)
-        std::fputs("\n", stderr);
-    m_drawn = false;
-}
-
-QString secondsText(qint64 frames, unsigned int rate)
-{
-    return QStringLiteral("%1 s").arg(rate ? double(frames) / rate : 0.0, 0, 'f', 3);
 }
 
 } // namespace quilaudio
