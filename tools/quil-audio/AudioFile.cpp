@@ -1,5 +1,6 @@
 #include "AudioFile.h"
 
+#include "CommandLine.h"
 #include "PcmSamples.h"
 
 #include <QFile>
@@ -106,10 +107,8 @@ bool AudioFile::setType(const QString& path, const QString& typeName, QString* e
         if (matches || (!byName && (suffix.isEmpty() || isStdio(path)) && type.sfFormat == SF_FORMAT_RAW)) {
             m_sfFormat = type.sfFormat;
             m_typeName = QString::fromLatin1(type.name);
-            if (!isRaw() && isStdio(path)) {
-                *error = QStringLiteral("stdin and stdout carry raw PCM only, not %1").arg(typeName);
-                return false;
-            }
+            if (!isRaw() && isStdio(path))
+                return refuse(error, QStringLiteral("stdin and stdout carry raw PCM only, not %1").arg(typeName));
             return true;
         }
     }

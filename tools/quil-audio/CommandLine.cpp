@@ -16,21 +16,23 @@ bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error)
 {
     const snd_pcm_format_t value = snd_pcm_format_value(name.toUtf8().constData());
     const int width = snd_pcm_format_width(value);
-    if (value == SND_PCM_FORMAT_UNKNOWN || width < 8) {
-        *error = QStringLiteral("unknown sample format '%1' (use an ALSA name such as S16_LE)").arg(name);
-        return false;
-    }
-    if (width != snd_pcm_format_physical_width(value)) {
-        *error = QStringLiteral("sample format '%1' keeps %2 bits in %3 bytes, which the library cannot size;"
-                                " use a packed format such as S24_3LE or S32_LE")
-                     .arg(name).arg(width).arg(snd_pcm_format_physical_width(value) / 8);
-        return false;
-    }
+    if (value == SND_PCM_FORMAT_UNKNOWN || width < 8)
+        return refuse(error, QStringLiteral("unknown sample format '%1' (use an ALSA name such as S16_LE)").arg(name));
+    if (width != snd_pcm_format_physical_width(value))
+        return refuse(error, QStringLiteral("sample format '%1' keeps %2 bits in %3 bytes, which the library cannot size;"
+                       " use a packed format such as S24_3LE or S32_LE")
+                       .arg(name).arg(width).arg(snd_pcm_format_physical_width(value) / 8));
     *format = value;
     return true;
 }
 
 } // namespace
+
+bool refuse(QString* error, const QString& message)
+{
+    *error = message;
+    return false;
+}
 
 int fail(const QString& command, const QString& message, int status)
 {
@@ -124,10 +126,8 @@ bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options,
         return false;
     options->rate = static_cast<unsigned int>(rate);
     options->channels = static_cast<unsigned int>(channels);
-    if (parser.isSet(QStringLiteral("duration")) && !(options->durationS > 0)) {
-        *error = QStringLiteral("--duration must be above 0, not %1").arg(parser.value(QStringLiteral("duration")));
-        return false;
-    }
+    if (parser.isSet(QStringLiteral("duration")) && !(options->durationS > 0))
+        return refuse(error, QStringLiteral("--duration must be above 0, not %1").arg(parser.value(QStringLiteral("duration"))));
     const QString format = parser.value(QStringLiteral("format"));
     return format.isEmpty() || parseFormat(format, &options->format, error);
 }
@@ -139,11 +139,9 @@ bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min
         return true;
     bool ok = false;
     const qint64 number = parser.value(option).toLongLong(&ok);
-    if (!ok || number < min || number > max) {
-        *error = QStringLiteral("--%1 must be a whole number from %2 to %3, not '%4'")
-                     .arg(option).arg(min).arg(max).arg(parser.value(option));
-        return false;
-    }
+    if (!ok || number < min || number > max)
+        return refuse(error, QStringLiteral("--%1 must be a whole number from %2 to %3, not '%4'")
+                       .arg(option).arg(min).arg(max).arg(parser.value(option)));
     *value = static_cast<int>(number);
     return true;
 }
@@ -167,10 +165,8 @@ bool readDouble(const QCommandLineParser& parser, const QString& option, double*
         return true;
     bool ok = false;
     const double number = parser.value(option).toDouble(&ok);
-    if (!ok || !std::isfinite(number)) {
-        *error = QStringLiteral("--%1 must be a number, not '%2'").arg(option, parser.value(option));
-        return false;
-    }
+    if (!ok || !std::isfinite(number))
+        return refuse(error, QStringLiteral("--%1 must be a number, not '%2'").arg(option, parser.value(option)));
     *value = number;
     return true;
 }

@@ -23,6 +23,8 @@ enum ExitStatus {
     ExitUsage = 2     ///< the command line itself is wrong
 };
 
+/// Sets *error to message and returns false: how an option check fails.
+bool refuse(QString* error, const QString& message);
 /// Prints "quil-audio <command>: <message>" as one line on stderr and returns status.
 int fail(const QString& command, const QString& message, int status);
 /// One line on stderr (summaries, notices).

@@ -60,11 +60,11 @@ int main(int argc, char** argv)
     const QString command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
     if (command == QLatin1String("record"))
-        return quilaudio::RecordCommand().run(arguments);
+        return quilaudio::runRecordCommand(arguments);
     if (command == QLatin1String("play"))
-        return quilaudio::PlayCommand().run(arguments);
+        return quilaudio::runPlayCommand(arguments);
     if (command == QLatin1String("mixer"))
-        return quilaudio::MixerCommand().run(arguments);
+        return quilaudio::runMixerCommand(arguments);
     if (command == QLatin1String("devices"))
         return quilaudio::runDevicesCommand(arguments);
     std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play, mixer or devices)\n", qPrintable(command));
