@@ -76,18 +76,9 @@ int subtypeOfFormat(snd_pcm_format_t format)
 // it only needs an encoding of the same sample size to count them.
 int rawCarrier(snd_pcm_format_t format)
 {
-    switch (snd_pcm_format_physical_width(format)) {
-    case 8:
-        return SF_FORMAT_PCM_S8;
-    case 16:
-        return SF_FORMAT_PCM_16;
-    case 24:
-        return SF_FORMAT_PCM_24;
-    case 32:
-        return SF_FORMAT_PCM_32;
-    default:
-        return SF_FORMAT_DOUBLE;
-    }
+    const int bytes = snd_pcm_format_physical_width(format) / 8;
+    const int byBytes[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_16, SF_FORMAT_PCM_24, SF_FORMAT_PCM_32};
+    return bytes >= 1 && bytes <= 4 ? byBytes[bytes - 1] : SF_FORMAT_DOUBLE;
 }
 
 } // namespace
@@ -97,7 +88,7 @@ AudioFile::~AudioFile()
     close();
 }
 
-bool AudioFile::setType(const QString& path, const QString& typeName, QString* error)
+bool AudioFile::setType(const QString& path, const QString& typeName)
 {
     const QString suffix = QFileInfo(path).suffix().toLower();
     const bool byName = !typeName.isEmpty();
@@ -108,14 +99,13 @@ bool AudioFile::setType(const QString& path, const QString& typeName, QString* e
             m_sfFormat = type.sfFormat;
             m_typeName = QString::fromLatin1(type.name);
             if (!isRaw() && isStdio(path))
-                return refuse(error, QStringLiteral("stdin and stdout carry raw PCM only, not %1").arg(typeName));
+                return refuse(&m_error, QStringLiteral("stdin and stdout carry raw PCM only, not %1").arg(typeName));
             return true;
         }
     }
-    *error = byName ? QStringLiteral("unknown file type '%1' (raw, wav, rf64, w64, flac, ogg or au)").arg(typeName)
+    return refuse(&m_error, byName ? QStringLiteral("unknown file type '%1' (raw, wav, rf64, w64, flac, ogg or au)").arg(typeName)
                     : QStringLiteral("unknown file type '.%1' of '%2' (give -t raw, wav, rf64, w64, flac, ogg or au)")
-                          .arg(suffix, path);
-    return false;
+                          .arg(suffix, path));
 }
 
 bool AudioFile::open(const QString& path, int mode, SF_INFO* info)
@@ -133,8 +123,10 @@ bool AudioFile::open(const QString& path, int mode, SF_INFO* info)
     return m_file || fail("open");
 }
 
-bool AudioFile::openForReading(const QString& path, const Layout& layout)
+bool AudioFile::openForReading(const QString& path, const QString& typeName, const Layout& layout)
 {
+    if (!setType(path, typeName))
+        return false;
     m_layout = layout;
     SF_INFO info{};
     if (isRaw())
@@ -165,8 +157,10 @@ void AudioFile::setReadFormat(snd_pcm_format_t format)
     m_frameBytes = static_cast<int>(snd_pcm_format_size(format, m_layout.channels));
 }
 
-bool AudioFile::openForWriting(const QString& path, const Layout& layout)
+bool AudioFile::openForWriting(const QString& path, const QString& typeName, const Layout& layout)
 {
+    if (!setType(path, typeName))
+        return false;
     m_layout = layout;
     m_ioFormat = layout.format;
     m_frameBytes = static_cast<int>(snd_pcm_format_size(layout.format, layout.channels));

@@ -30,21 +30,19 @@ public:
     AudioFile(const AudioFile&) = delete;
     AudioFile& operator=(const AudioFile&) = delete;
 
-    /// The file type a -t value ("wav") names or, without one, the path's
-    /// extension implies; stdin/stdout and paths without an extension are raw.
-    /// False with a message for a type or extension not known.
-    bool setType(const QString& path, const QString& typeName, QString* error);
-    bool isRaw() const { return m_sfFormat == SF_FORMAT_RAW; }
-
-    /// False with errorString() naming the file and the reason. A raw file
-    /// takes `layout` as given; a container reports its header's in layout().
-    bool openForReading(const QString& path, const Layout& layout);
+    /// The file's type is the one a -t value (`typeName`, "wav") names or,
+    /// without one, the one the path's extension implies; stdin/stdout and
+    /// paths without an extension are raw. False with errorString() naming
+    /// the file and the reason. A raw file takes `layout` as given; a
+    /// container reports its header's in layout().
+    bool openForReading(const QString& path, const QString& typeName, const Layout& layout);
     /// Containers hand out frames converted to one of readableFormats(),
     /// chosen here before the first read (the header's own format by default).
     void setReadFormat(snd_pcm_format_t format);
     static QVector<snd_pcm_format_t> readableFormats();
-    bool openForWriting(const QString& path, const Layout& layout);
+    bool openForWriting(const QString& path, const QString& typeName, const Layout& layout);
     Layout layout() const { return m_layout; }
+    bool isRaw() const { return m_sfFormat == SF_FORMAT_RAW; }
 
     /// The next `frames` frames of the input, fewer only at its end, none
     /// past it; false on error.
@@ -58,6 +56,7 @@ public:
     QString errorString() const { return m_error; }
 
 private:
+    bool setType(const QString& path, const QString& typeName);
     bool open(const QString& path, int mode, SF_INFO* info);
     bool fail(const char* action);
 

@@ -96,10 +96,8 @@ void addStreamOptions(QCommandLineParser& parser)
     parser.addOptions({
         {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA PCM name (default)."),
          QStringLiteral("name"), QStringLiteral("default")},
-        {{QStringLiteral("r"), QStringLiteral("rate")}, QStringLiteral("Sample rate in Hz (48000)."),
-         QStringLiteral("hz")},
-        {{QStringLiteral("c"), QStringLiteral("channels")}, QStringLiteral("Channel count (2)."),
-         QStringLiteral("n")},
+        {{QStringLiteral("r"), QStringLiteral("rate")}, QStringLiteral("Sample rate in Hz (48000)."), QStringLiteral("hz")},
+        {{QStringLiteral("c"), QStringLiteral("channels")}, QStringLiteral("Channel count (2)."), QStringLiteral("n")},
         {{QStringLiteral("f"), QStringLiteral("format")},
          QStringLiteral("Sample format by its ALSA name (S16_LE)."), QStringLiteral("format")},
         {{QStringLiteral("d"), QStringLiteral("duration")},

@@ -1,4 +1,4 @@
-#include "DevicesCommand.h"
+#include "Commands.h"
 
 #include "CommandLine.h"
 
@@ -30,79 +30,52 @@ int countMixerElements(const QString& device)
     return handle ? handle->buildElementList().size() : -1;
 }
 
-QString elementsText(int count)
-{
-    return count < 0 ? QStringLiteral("mixer cannot be opened") : QStringLiteral("%1 mixer elements").arg(count);
-}
-
-struct Listing
-{
-    QList<AlsaDevices::Pcm> pcms;
-    QList<AlsaDevices::Card> cards;
-    QList<int> cardElements;   ///< per card, as countMixerElements() gives it
-    QStringList mixers;        ///< named on the command line
-    QList<int> mixerElements;
-};
-
 // A mixer that cannot be opened has no element count: null, not a number.
-QJsonValue elementsJson(int count)
+QJsonObject mixerJson(const QString& device)
 {
-    return count < 0 ? QJsonValue() : QJsonValue(count);
+    const int count = countMixerElements(device);
+    return {{QStringLiteral("mixer"), device}, {QStringLiteral("mixerElements"), count < 0 ? QJsonValue() : count}};
 }
 
-void printText(const Listing& listing)
+QString elementsText(const QJsonValue& count)
 {
+    return count.isNull() ? QStringLiteral("mixer cannot be opened") : QStringLiteral("%1 mixer elements").arg(count.toInt());
+}
+
+// The listing as text, from the same object that --json prints.
+void printText(const QJsonObject& all)
+{
+    const QJsonArray pcms = all[QStringLiteral("pcms")].toArray();
     int width = 0;
-    for (const AlsaDevices::Pcm& pcm : listing.pcms)
-        width = std::max(width, pcm.name.size());
+    for (const QJsonValue& pcm : pcms)
+        width = std::max(width, pcm[QStringLiteral("name")].toString().size());
     printOut(QStringLiteral("PCMs:"));
-    if (listing.pcms.isEmpty())
+    if (pcms.isEmpty())
         printOut(QStringLiteral("  none"));
-    for (const AlsaDevices::Pcm& pcm : listing.pcms) {
+    for (const QJsonValue& pcm : pcms) {
         QStringList served;
-        if (pcm.playback)
+        if (pcm[QStringLiteral("playback")].toBool())
             served << QStringLiteral("playback");
-        if (pcm.capture)
+        if (pcm[QStringLiteral("capture")].toBool())
             served << QStringLiteral("capture");
-        const QString description = pcm.description.split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(QStringLiteral(", "));
-        const QString line = pcm.name.leftJustified(width) + QStringLiteral("  ")
+        const QString description = pcm[QStringLiteral("description")].toString()
+                                        .split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(QStringLiteral(", "));
+        const QString line = pcm[QStringLiteral("name")].toString().leftJustified(width) + QStringLiteral("  ")
                              + served.join(QStringLiteral(", ")).leftJustified(17) + QStringLiteral("  ") + description;
         printOut(QStringLiteral("  ") + line.trimmed());
     }
+    const QJsonArray cards = all[QStringLiteral("cards")].toArray();
     printOut(QStringLiteral("Cards:"));
-    if (listing.cards.isEmpty())
+    if (cards.isEmpty())
         printOut(QStringLiteral("  none"));
-    for (int i = 0; i < listing.cards.size(); ++i)
-        printOut(QStringLiteral("  %1  %2 (%3): %4").arg(listing.cards[i].device, listing.cards[i].name, listing.cards[i].longName,
-                                                          elementsText(listing.cardElements[i])));
-    if (!listing.mixers.isEmpty())
+    for (const QJsonValue& card : cards)
+        printOut(QStringLiteral("  %1  %2 (%3): %4").arg(card[QStringLiteral("mixer")].toString(), card[QStringLiteral("name")].toString(),
+                                                          card[QStringLiteral("longName")].toString(), elementsText(card[QStringLiteral("mixerElements")])));
+    const QJsonArray mixers = all[QStringLiteral("mixers")].toArray();
+    if (!mixers.isEmpty())
         printOut(QStringLiteral("Mixers:"));
-    for (int i = 0; i < listing.mixers.size(); ++i)
-        printOut(QStringLiteral("  %1: %2").arg(listing.mixers[i], elementsText(listing.mixerElements[i])));
-}
-
-void printJson(const Listing& listing)
-{
-    QJsonArray pcmArray;
-    for (const AlsaDevices::Pcm& pcm : listing.pcms)
-        pcmArray.append(QJsonObject{{QStringLiteral("name"), pcm.name},
-                                    {QStringLiteral("description"), pcm.description},
-                                    {QStringLiteral("playback"), pcm.playback},
-                                    {QStringLiteral("capture"), pcm.capture}});
-    QJsonArray cardArray;
-    for (int i = 0; i < listing.cards.size(); ++i)
-        cardArray.append(QJsonObject{{QStringLiteral("card"), listing.cards[i].index},
-                                     {QStringLiteral("name"), listing.cards[i].name},
-                                     {QStringLiteral("longName"), listing.cards[i].longName},
-                                     {QStringLiteral("mixer"), listing.cards[i].device},
-                                     {QStringLiteral("mixerElements"), elementsJson(listing.cardElements[i])}});
-    QJsonArray mixerArray;
-    for (int i = 0; i < listing.mixers.size(); ++i)
-        mixerArray.append(QJsonObject{{QStringLiteral("mixer"), listing.mixers[i]},
-                                      {QStringLiteral("mixerElements"), elementsJson(listing.mixerElements[i])}});
-    const QJsonObject all{{QStringLiteral("pcms"), pcmArray}, {QStringLiteral("cards"), cardArray},
-                          {QStringLiteral("mixers"), mixerArray}};
-    std::fputs(QJsonDocument(all).toJson(QJsonDocument::Indented).constData(), stdout);
+    for (const QJsonValue& mixer : mixers)
+        printOut(QStringLiteral("  %1: %2").arg(mixer[QStringLiteral("mixer")].toString(), elementsText(mixer[QStringLiteral("mixerElements")])));
 }
 
 } // namespace
@@ -121,29 +94,36 @@ int runDevicesCommand(const QStringList& arguments)
     if (!parseCommandLine(parser, arguments, Command, &status))
         return status;
     if (!parser.positionalArguments().isEmpty())
-        return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()),
-                    ExitUsage);
+        return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()), ExitUsage);
 
     int code = 0;
-    Listing listing;
-    listing.pcms = AlsaDevices::pcms(&code);
+    QJsonArray pcms;
+    for (const AlsaDevices::Pcm& pcm : AlsaDevices::pcms(&code))
+        pcms.append(QJsonObject{{QStringLiteral("name"), pcm.name}, {QStringLiteral("description"), pcm.description},
+                                {QStringLiteral("playback"), pcm.playback}, {QStringLiteral("capture"), pcm.capture}});
     if (code < 0)
         return fail(Command, QStringLiteral("cannot read ALSA's device name hints: %1").arg(QString::fromLocal8Bit(snd_strerror(code))),
                     ExitFailed);
-    listing.cards = AlsaDevices::cards();
-    for (const AlsaDevices::Card& card : qAsConst(listing.cards))
-        listing.cardElements << countMixerElements(card.device);
-    // A mixer asked for by name must open: its count is what the caller wants to know.
-    listing.mixers = parser.values(QStringLiteral("mixer"));
-    for (const QString& mixer : qAsConst(listing.mixers)) {
-        listing.mixerElements << countMixerElements(mixer);
-        if (listing.mixerElements.last() < 0)
-            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(mixer), ExitFailed);
+    QJsonArray cards;
+    for (const AlsaDevices::Card& card : AlsaDevices::cards()) {
+        QJsonObject object = mixerJson(card.device);
+        object.insert(QStringLiteral("card"), card.index);
+        object.insert(QStringLiteral("name"), card.name);
+        object.insert(QStringLiteral("longName"), card.longName);
+        cards.append(object);
     }
+    // A mixer asked for by name must open: its count is what the caller wants to know.
+    QJsonArray mixers;
+    for (const QString& device : parser.values(QStringLiteral("mixer"))) {
+        mixers.append(mixerJson(device));
+        if (mixers.last()[QStringLiteral("mixerElements")].isNull())
+            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(device), ExitFailed);
+    }
+    const QJsonObject all{{QStringLiteral("pcms"), pcms}, {QStringLiteral("cards"), cards}, {QStringLiteral("mixers"), mixers}};
     if (parser.isSet(QStringLiteral("json")))
-        printJson(listing);
+        std::fputs(QJsonDocument(all).toJson(QJsonDocument::Indented).constData(), stdout);
     else
-        printText(listing);
+        printText(all);
     return ExitOk;
 }
 

@@ -1,4 +1,4 @@
-#include "MixerCommand.h"
+#include "Commands.h"
 
 #include "CommandLine.h"
 #include "Signals.h"

@@ -1,4 +1,4 @@
-#include "PlayCommand.h"
+#include "Commands.h"
 
 #include "AudioFile.h"
 #include "CommandLine.h"
@@ -78,8 +78,7 @@ public:
             {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
             {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
              QStringLiteral("frames")},
-            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."),
-             QStringLiteral("us")},
+            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."), QStringLiteral("us")},
             {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
             {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
             {QStringLiteral("tstamp"), QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
@@ -148,9 +147,7 @@ private:
         if (m_toneHz > 0)
             return ExitOk;
         QString error;
-        if (!m_inputFile.setType(m_input, m_stream.fileType, &error))
-            return fail(Command, error, ExitFailed);
-        if (!m_inputFile.openForReading(m_input, {m_stream.rate, m_stream.channels, m_stream.format}))
+        if (!m_inputFile.openForReading(m_input, m_stream.fileType, {m_stream.rate, m_stream.channels, m_stream.format}))
             return fail(Command, m_inputFile.errorString(), ExitFailed);
         if (!m_inputFile.isRaw() && (!takeHeader(&error) || !chooseReadFormat(&error)))
             return fail(Command, error, ExitFailed);
@@ -336,17 +333,21 @@ private:
             m_delayFrames = m_alsa->delay(&m_delayAgeUs);
     }
 
+    // "480 frames (10.0 ms)"; with timestamps, and asked for, the status's age too.
+    QString delayText(bool withAge) const
+    {
+        const QString age = withAge && m_alsaSettings.timestamps
+            ? QStringLiteral(", status %1 ms old").arg(m_delayAgeUs / 1000.0, 0, 'f', 1) : QString();
+        return QStringLiteral("%1 frames (%2 ms%3)").arg(m_delayFrames)
+            .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1).arg(age);
+    }
+
     void showProgress()
     {
         updateDelay();
         QString text = QStringLiteral("playing %1").arg(secondsText(m_framesPlayed, m_device->sampleRate()));
-        if (m_alsa && m_delayFrames >= 0) {
-            text += QStringLiteral("  delay %1 frames (%2 ms").arg(m_delayFrames)
-                        .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1);
-            if (m_alsaSettings.timestamps)
-                text += QStringLiteral(", status %1 ms old").arg(m_delayAgeUs / 1000.0, 0, 'f', 1);
-            text += QLatin1Char(')');
-        }
+        if (m_alsa && m_delayFrames >= 0)
+            text += QStringLiteral("  delay ") + delayText(true);
         m_progress.show(text + QStringLiteral("  xruns %1").arg(m_xruns));
     }
 
@@ -367,10 +368,7 @@ private:
                                    .arg(m_framesPlayed).arg(secondsText(m_framesPlayed, m_device->sampleRate()));
         if (!m_alsa)
             return played + QStringLiteral(" into '%1'").arg(m_outputFile);
-        const QString delay = m_delayFrames < 0
-            ? QStringLiteral("unknown")
-            : QStringLiteral("%1 frames (%2 ms)").arg(m_delayFrames)
-                  .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1);
+        const QString delay = m_delayFrames < 0 ? QStringLiteral("unknown") : delayText(false);
         return played + QStringLiteral(" to '%1': xruns %2, delay %3").arg(m_stream.device).arg(m_xruns).arg(delay);
     }
 

@@ -1,4 +1,4 @@
-#include "RecordCommand.h"
+#include "Commands.h"
 
 #include "AudioFile.h"
 #include "CommandLine.h"
@@ -113,8 +113,9 @@ public:
         if (m_ringMs * bytesPerSecond > MaxRingProduct)
             return fail(Command, QStringLiteral("--ring-ms %1 is too long for this stream (at most %2 ms)")
                                      .arg(m_ringMs).arg(MaxRingProduct / bytesPerSecond), ExitUsage);
-        status = openSink();
-        return status == ExitOk ? captureUntilDone() : status;
+        if (!m_outputFile.openForWriting(m_output, m_stream.fileType, {m_stream.rate, m_stream.channels, m_stream.format}))
+            return fail(Command, m_outputFile.errorString(), ExitFailed);
+        return captureUntilDone();
     }
 
 private:
@@ -179,16 +180,6 @@ private:
         }
         m_device = std::move(file);
         return ExitOk;
-    }
-
-    int openSink()
-    {
-        QString error;
-        if (!m_outputFile.setType(m_output, m_stream.fileType, &error))
-            return fail(Command, error, ExitFailed);
-        return m_outputFile.openForWriting(m_output, {m_stream.rate, m_stream.channels, m_stream.format})
-            ? ExitOk
-            : fail(Command, m_outputFile.errorString(), ExitFailed);
     }
 
     int captureUntilDone()

@@ -1,14 +1,12 @@
 // quil-audio: the library's own command-line client, for bringing audio up on
-// a board before its host program exists. Each subcommand is one class.
+// a board before its host program exists. Each subcommand is one source file.
 
 #include "CommandLine.h"
-#include "DevicesCommand.h"
-#include "MixerCommand.h"
-#include "PlayCommand.h"
-#include "RecordCommand.h"
+#include "Commands.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QMap>
 
 #include <log4cplus/initializer.h>
 
@@ -59,14 +57,11 @@ int main(int argc, char** argv)
 
     const QString command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
-    if (command == QLatin1String("record"))
-        return quilaudio::runRecordCommand(arguments);
-    if (command == QLatin1String("play"))
-        return quilaudio::runPlayCommand(arguments);
-    if (command == QLatin1String("mixer"))
-        return quilaudio::runMixerCommand(arguments);
-    if (command == QLatin1String("devices"))
-        return quilaudio::runDevicesCommand(arguments);
+    const QMap<QString, int (*)(const QStringList&)> commands{{QStringLiteral("record"), quilaudio::runRecordCommand},
+        {QStringLiteral("play"), quilaudio::runPlayCommand}, {QStringLiteral("mixer"), quilaudio::runMixerCommand},
+        {QStringLiteral("devices"), quilaudio::runDevicesCommand}};
+    if (commands.contains(command))
+        return commands[command](arguments);
     std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play, mixer or devices)\n", qPrintable(command));
     return quilaudio::ExitUsage;
 }
