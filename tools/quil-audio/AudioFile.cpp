@@ -185,16 +185,13 @@ bool AudioFile::read(int frames, QByteArray* block)
     block->resize(frames * m_frameBytes);
     char* data = block->data();
     sf_count_t done = 0;
-    if (isRaw())
-        done = sf_read_raw(m_file, data, block->size()) / m_frameBytes;   // a partial last frame is dropped
-    else if (m_ioFormat == SND_PCM_FORMAT_S16)
-        done = sf_readf_short(m_file, reinterpret_cast<short*>(data), frames);
-    else if (m_ioFormat == SND_PCM_FORMAT_S32)
-        done = sf_readf_int(m_file, reinterpret_cast<int*>(data), frames);
-    else if (m_ioFormat == SND_PCM_FORMAT_FLOAT)
-        done = sf_readf_float(m_file, reinterpret_cast<float*>(data), frames);
-    else
-        done = sf_readf_double(m_file, reinterpret_cast<double*>(data), frames);
+    switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
+    case SND_PCM_FORMAT_UNKNOWN: done = sf_read_raw(m_file, data, block->size()) / m_frameBytes; break; // a partial last frame is dropped
+    case SND_PCM_FORMAT_S16: done = sf_readf_short(m_file, reinterpret_cast<short*>(data), frames); break;
+    case SND_PCM_FORMAT_S32: done = sf_readf_int(m_file, reinterpret_cast<int*>(data), frames); break;
+    case SND_PCM_FORMAT_FLOAT: done = sf_readf_float(m_file, reinterpret_cast<float*>(data), frames); break;
+    default: done = sf_readf_double(m_file, reinterpret_cast<double*>(data), frames); break;
+    }
     block->resize(static_cast<int>(done) * m_frameBytes);
     return sf_error(m_file) == SF_ERR_NO_ERROR || fail("read");
 }
@@ -204,17 +201,13 @@ bool AudioFile::write(const QByteArray& block)
     const sf_count_t frames = block.size() / m_frameBytes;
     const char* data = block.constData();
     sf_count_t done = 0;
-    if (isRaw()) {
-        done = sf_write_raw(m_file, data, frames * m_frameBytes) / m_frameBytes;
-    } else if (m_ioFormat == SND_PCM_FORMAT_S16) {
-        done = sf_writef_short(m_file, reinterpret_cast<const short*>(data), frames);
-    } else if (m_ioFormat == SND_PCM_FORMAT_S32) {
-        done = sf_writef_int(m_file, reinterpret_cast<const int*>(data), frames);
-    } else if (m_ioFormat == SND_PCM_FORMAT_FLOAT) {
-        done = sf_writef_float(m_file, reinterpret_cast<const float*>(data), frames);
-    } else if (m_ioFormat == SND_PCM_FORMAT_FLOAT64) {
-        done = sf_writef_double(m_file, reinterpret_cast<const double*>(data), frames);
-    } else {
+    switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
+    case SND_PCM_FORMAT_UNKNOWN: done = sf_write_raw(m_file, data, frames * m_frameBytes) / m_frameBytes; break;
+    case SND_PCM_FORMAT_S16: done = sf_writef_short(m_file, reinterpret_cast<const short*>(data), frames); break;
+    case SND_PCM_FORMAT_S32: done = sf_writef_int(m_file, reinterpret_cast<const int*>(data), frames); break;
+    case SND_PCM_FORMAT_FLOAT: done = sf_writef_float(m_file, reinterpret_cast<const float*>(data), frames); break;
+    case SND_PCM_FORMAT_FLOAT64: done = sf_writef_double(m_file, reinterpret_cast<const double*>(data), frames); break;
+    default: {
         // 8 and 24-bit samples go to libsndfile as the top bits of 32-bit
         // ones, which it stores back at their own width without loss.
         const int sampleBytes = static_cast<int>(snd_pcm_format_size(m_ioFormat, 1));
@@ -222,6 +215,7 @@ bool AudioFile::write(const QByteArray& block)
         for (size_t i = 0; i < wide.size(); ++i)
             wide[i] = static_cast<int>(decodeSample(data + i * sampleBytes, m_ioFormat) * 2147483648.0);
         done = sf_writef_int(m_file, wide.data(), frames);
+    }
     }
     return done == frames || fail("write");
 }

@@ -27,8 +27,7 @@ public:
 
     AudioFile() = default;
     ~AudioFile();
-    AudioFile(const AudioFile&) = delete;
-    AudioFile& operator=(const AudioFile&) = delete;
+    Q_DISABLE_COPY(AudioFile)
 
     /// The file's type is the one a -t value (`typeName`, "wav") names or,
     /// without one, the one the path's extension implies; stdin/stdout and

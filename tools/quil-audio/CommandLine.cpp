@@ -91,15 +91,16 @@ qint64 StreamOptions::durationFrames() const
     return durationS < 0 ? -1 : std::llround(durationS * rate);
 }
 
-void addStreamOptions(QCommandLineParser& parser)
+void addStreamOptions(QCommandLineParser& parser, const char* usage, const char* fileHelp)
 {
+    parser.setApplicationDescription(QString::fromLatin1(usage));
+    parser.addPositionalArgument(QStringLiteral("file"), QString::fromLatin1(fileHelp), QStringLiteral("[file]"));
     parser.addOptions({
         {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA PCM name (default)."),
          QStringLiteral("name"), QStringLiteral("default")},
         {{QStringLiteral("r"), QStringLiteral("rate")}, QStringLiteral("Sample rate in Hz (48000)."), QStringLiteral("hz")},
         {{QStringLiteral("c"), QStringLiteral("channels")}, QStringLiteral("Channel count (2)."), QStringLiteral("n")},
-        {{QStringLiteral("f"), QStringLiteral("format")},
-         QStringLiteral("Sample format by its ALSA name (S16_LE)."), QStringLiteral("format")},
+        {{QStringLiteral("f"), QStringLiteral("format")}, QStringLiteral("Sample format by its ALSA name (S16_LE)."), QStringLiteral("format")},
         {{QStringLiteral("d"), QStringLiteral("duration")},
          QStringLiteral("Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
          QStringLiteral("seconds")},
@@ -130,6 +131,22 @@ bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options,
     return format.isEmpty() || parseFormat(format, &options->format, error);
 }
 
+bool exclusive(const QCommandLineParser& parser, const QString& a, const QString& b, QString* error)
+{
+    if (parser.isSet(a) && parser.isSet(b))
+        return refuse(error, QStringLiteral("--%1 and --%2 set the same thing; give one of them").arg(a, b));
+    return true;
+}
+
+bool readFileArgument(const QCommandLineParser& parser, const QString& what, QString* file, QString* error)
+{
+    const QStringList positional = parser.positionalArguments();
+    if (positional.size() > 1)
+        return refuse(error, QStringLiteral("one %1 file at most, got: %2").arg(what, positional.join(QLatin1Char(' '))));
+    *file = positional.value(0, QStringLiteral("-"));
+    return true;
+}
+
 bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min, qint64 max, int* value,
              QString* error)
 {
@@ -148,12 +165,11 @@ bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& optio
                           QString* error)
 {
     int us = 0;
-    if (!parser.isSet(option))
-        return true;
     if (!readInt(parser, option, 1, 10000000, &us, error))
         return false;
     // The library counts these times in whole milliseconds.
-    *valueMs = std::max(1, (us + 500) / 1000);
+    if (us > 0)
+        *valueMs = std::max(1, (us + 500) / 1000);
     return true;
 }
 

@@ -23,6 +23,12 @@ enum ExitStatus {
     ExitUsage = 2     ///< the command line itself is wrong
 };
 
+/// Periods and buffer as the ALSA utilities choose them, a 500 ms buffer in
+/// four periods: every period costs a wake-up and a device transfer, and
+/// neither a recording nor a playback here needs lower latency.
+constexpr int DefaultPeriodMs = 125;
+constexpr int DefaultBufferMs = 500;
+
 /// Sets *error to message and returns false: how an option check fails.
 bool refuse(QString* error, const QString& message);
 /// Prints "quil-audio <command>: <message>" as one line on stderr and returns status.
@@ -62,9 +68,19 @@ struct StreamOptions
     qint64 durationFrames() const;
 };
 
-void addStreamOptions(QCommandLineParser& parser);
+/// Describes a PCM command (`usage`) and adds the options of StreamOptions
+/// and its file argument, described by `fileHelp`.
+void addStreamOptions(QCommandLineParser& parser, const char* usage, const char* fileHelp);
 /// False with a message naming the offending option and value.
 bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options, QString* error);
+
+/// False with a message when both options are given: each sets the same
+/// quantity, and the later one would win silently.
+bool exclusive(const QCommandLineParser& parser, const QString& a, const QString& b, QString* error);
+
+/// The one file argument, "-" (stdin or stdout) without one; `what` names
+/// it ("input") in the message for more than one.
+bool readFileArgument(const QCommandLineParser& parser, const QString& what, QString* file, QString* error);
 
 /// Reads an option as an integer within [min, max], a time in microseconds
 /// converted to whole milliseconds (at least 1), or a number. Each leaves

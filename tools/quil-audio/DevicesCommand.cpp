@@ -23,18 +23,13 @@ const char* const Usage =
     "elements on each (mixer device hw:N). PCMs without a hint (such as 'default'\n"
     "on many systems) are not listed but can still be opened by name.";
 
-/// Active simple elements of the mixer `device`, each index counted; -1 when it cannot be opened.
-int countMixerElements(const QString& device)
-{
-    const QSharedPointer<AlsaMixerHandle> handle = AlsaMixerHandle::openHandle(device);
-    return handle ? handle->buildElementList().size() : -1;
-}
-
-// A mixer that cannot be opened has no element count: null, not a number.
+// The mixer with the number of its active simple elements, each index
+// counted; null, not a number, when it cannot be opened.
 QJsonObject mixerJson(const QString& device)
 {
-    const int count = countMixerElements(device);
-    return {{QStringLiteral("mixer"), device}, {QStringLiteral("mixerElements"), count < 0 ? QJsonValue() : count}};
+    const QSharedPointer<AlsaMixerHandle> handle = AlsaMixerHandle::openHandle(device);
+    return {{QStringLiteral("mixer"), device},
+            {QStringLiteral("mixerElements"), handle ? QJsonValue(handle->buildElementList().size()) : QJsonValue()}};
 }
 
 QString elementsText(const QJsonValue& count)

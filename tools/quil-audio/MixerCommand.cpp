@@ -7,6 +7,7 @@
 
 #include <QEventLoop>
 #include <QRegularExpression>
+#include <QTimer>
 
 #include <cmath>
 #include <memory>
@@ -16,6 +17,7 @@ namespace quilaudio {
 namespace {
 
 const QString Command = QStringLiteral("mixer");
+constexpr int StopPollMs = 50;
 
 const char* const Usage =
     "Reads and changes the simple-mixer elements of an ALSA mixer device:\n"
@@ -129,8 +131,7 @@ public:
         const bool named = action == QLatin1String("get") || action == QLatin1String("set");
         if (!named && action != QLatin1String("list") && action != QLatin1String("watch"))
             return fail(Command, action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
-                                                  : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action),
-                        ExitUsage);
+                                                  : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action), ExitUsage);
         if (named ? names.size() != 1 : action == QLatin1String("list") && !names.isEmpty())
             return fail(Command, QStringLiteral("'%1' takes %2").arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
                         ExitUsage);
@@ -138,13 +139,14 @@ public:
         status = openCard();
         if (status != ExitOk)
             return status;
-        if (action == QLatin1String("list"))
-            return list();
-        if (action == QLatin1String("get"))
-            return get(names[0]);
         if (action == QLatin1String("set"))
             return set(parser, names[0]);
-        return watch(names, count);
+        const QList<AlsaMixerElementPtr> elements = load(names, &status);
+        if (status != ExitOk || action == QLatin1String("watch"))
+            return status != ExitOk ? status : watch(elements, count);
+        for (const AlsaMixerElementPtr& element : elements)
+            printOut(describe(*element));
+        return ExitOk;
     }
 
 private:
@@ -152,46 +154,21 @@ private:
     {
         m_card = std::make_unique<AlsaCard>(m_device, true);
         if (!m_card->isOpen())
-            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()),
-                        ExitFailed);
+            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()), ExitFailed);
         return ExitOk;
     }
 
-    AlsaMixerElementPtr load(const QString& name, int* status)
-    {
-        AlsaMixerElementPtr element = m_card->loadMixerElement(name);
-        if (!element)
-            *status = fail(Command, QStringLiteral("no element of mixer '%1' matches '%2'").arg(m_device, name), ExitFailed);
-        return element;
-    }
-
-    QList<AlsaMixerElementPtr> loadAll(int* status)
+    // The named elements, or all that the mixer lists; reports each name that matches none.
+    QList<AlsaMixerElementPtr> load(const QStringList& names, int* status)
     {
         QList<AlsaMixerElementPtr> elements;
-        for (const QString& name : m_card->elementNames()) {
-            if (AlsaMixerElementPtr element = load(name, status))
+        for (const QString& name : names.isEmpty() ? m_card->elementNames() : QList<QString>(names)) {
+            if (AlsaMixerElementPtr element = m_card->loadMixerElement(name))
                 elements << element;
             else
-                return {};
+                *status = fail(Command, QStringLiteral("no element of mixer '%1' matches '%2'").arg(m_device, name), ExitFailed);
         }
         return elements;
-    }
-
-    int list()
-    {
-        int status = ExitOk;
-        const QList<AlsaMixerElementPtr> elements = loadAll(&status);
-        for (const AlsaMixerElementPtr& element : elements)
-            printOut(describe(*element));
-        return status;
-    }
-
-    int get(const QString& name)
-    {
-        int status = ExitOk;
-        if (AlsaMixerElementPtr element = load(name, &status))
-            printOut(describe(*element));
-        return status;
     }
 
     int set(const QCommandLineParser& parser, const QString& name)
@@ -200,12 +177,13 @@ private:
         const bool byDb = parser.isSet(QStringLiteral("db"));
         const bool bySwitch = parser.isSet(QStringLiteral("switch"));
         const bool byEnum = parser.isSet(QStringLiteral("enum"));
-        if (byVolume && byDb)
-            return fail(Command, QStringLiteral("--volume and --db set the same thing; give one of them"), ExitUsage);
+        QString error;
+        if (!exclusive(parser, QStringLiteral("volume"), QStringLiteral("db"), &error))
+            return fail(Command, error, ExitUsage);
         if (!byVolume && !byDb && !bySwitch && !byEnum)
             return fail(Command, QStringLiteral("set needs --db, --volume, --switch or --enum"), ExitUsage);
         int status = ExitOk;
-        AlsaMixerElementPtr element = load(name, &status);
+        const AlsaMixerElementPtr element = load({name}, &status).value(0);
         if (!element)
             return status;
         if (byEnum)
@@ -310,22 +288,16 @@ private:
         return ExitOk;
     }
 
-    int watch(const QStringList& names, int count)
+    int watch(const QList<AlsaMixerElementPtr>& elements, int count)
     {
-        int status = ExitOk;
-        QList<AlsaMixerElementPtr> elements;
-        if (names.isEmpty())
-            elements = loadAll(&status);
-        for (const QString& name : names) {
-            if (AlsaMixerElementPtr element = load(name, &status))
-                elements << element;
-        }
-        if (status != ExitOk)
-            return status;
-
         QEventLoop loop;
-        SignalWatcher signalWatcher;
-        QObject::connect(&signalWatcher, &SignalWatcher::stopSignalled, &loop, [&loop] { loop.exit(ExitOk); });
+        watchSignals();
+        QTimer stopPoll;
+        QObject::connect(&stopPoll, &QTimer::timeout, &loop, [&loop] {
+            if (stopRequested())
+                loop.exit(ExitOk);
+        });
+        stopPoll.start(StopPollMs);
         int changes = 0;
         for (const AlsaMixerElementPtr& element : qAsConst(elements)) {
             printOut(describe(*element));

@@ -17,17 +17,6 @@ int sampleBytes(snd_pcm_format_t format)
     return snd_pcm_format_physical_width(format) / 8;
 }
 
-// Samples in 8-bit formats have no byte order; ALSA reports an error for them.
-bool isBigEndian(snd_pcm_format_t format)
-{
-    return snd_pcm_format_big_endian(format) == 1;
-}
-
-uint64_t widthMask(int width)
-{
-    return width >= 64 ? ~uint64_t(0) : (uint64_t(1) << width) - 1;
-}
-
 // Samples of the machine type T, centred on zero, full scale at fullScale.
 // They are taken in groups of eight, whose extremes the compiler keeps in
 // vector registers: with 1, 2, 4 or 8 channels, place j of every group is
@@ -90,12 +79,14 @@ bool hasSampleValues(snd_pcm_format_t format)
         && sampleBytes(format) > 0 && sampleBytes(format) <= 8;
 }
 
+// Samples in 8-bit formats have no byte order; ALSA reports an error for them.
 double decodeSample(const char* data, snd_pcm_format_t format)
 {
     const int bytes = sampleBytes(format);
+    const bool bigEndian = snd_pcm_format_big_endian(format) == 1;
     uint64_t raw = 0;
     for (int i = 0; i < bytes; ++i)
-        raw |= uint64_t(uint8_t(data[isBigEndian(format) ? bytes - 1 - i : i])) << (8 * i);
+        raw |= uint64_t(uint8_t(data[bigEndian ? bytes - 1 - i : i])) << (8 * i);
     if (snd_pcm_format_float(format) == 1) {
         if (bytes == 4) {
             const uint32_t bits = static_cast<uint32_t>(raw);
@@ -107,9 +98,10 @@ double decodeSample(const char* data, snd_pcm_format_t format)
         std::memcpy(&value, &raw, sizeof value);
         return value;
     }
-    // Narrow samples in wide containers (S24_LE) sit in the low bits.
+    // Narrow samples in wide containers (S24_LE) sit in the low bits; linear
+    // samples have at most 32.
     const int width = snd_pcm_format_width(format);
-    raw &= widthMask(width);
+    raw &= (uint64_t(1) << width) - 1;
     const uint64_t half = uint64_t(1) << (width - 1);
     const int64_t value = snd_pcm_format_signed(format) == 1
         ? ((raw & half) ? int64_t(raw) - int64_t(half << 1) : int64_t(raw))
@@ -121,6 +113,7 @@ void encodeSample(double value, snd_pcm_format_t format, char* data)
 {
     value = std::clamp(value, -1.0, 1.0);
     const int bytes = sampleBytes(format);
+    const bool bigEndian = snd_pcm_format_big_endian(format) == 1;
     uint64_t raw = 0;
     if (snd_pcm_format_float(format) == 1) {
         if (bytes == 4) {
@@ -137,10 +130,10 @@ void encodeSample(double value, snd_pcm_format_t format, char* data)
         int64_t sample = std::llround(value * double(half - 1));
         if (snd_pcm_format_signed(format) != 1)
             sample += half;
-        raw = uint64_t(sample) & widthMask(width);
+        raw = uint64_t(sample) & ((uint64_t(1) << width) - 1);
     }
     for (int i = 0; i < bytes; ++i)
-        data[isBigEndian(format) ? bytes - 1 - i : i] = static_cast<char>(raw >> (8 * i));
+        data[bigEndian ? bytes - 1 - i : i] = static_cast<char>(raw >> (8 * i));
 }
 
 void accumulatePeaks(const QByteArray& block, snd_pcm_format_t format, int channels, QVector<double>* peaks)
@@ -180,23 +173,15 @@ QString dbfsText(double peak)
     return QString::number(tenths == 0 ? 0.0 : tenths / 10.0, 'f', 1);
 }
 
-ToneGenerator::ToneGenerator(double frequencyHz, unsigned int rate, int channels, snd_pcm_format_t format)
-    : m_step(2.0 * M_PI * frequencyHz / rate)
-    , m_channels(channels)
-    , m_format(format)
-    , m_sampleBytes(sampleBytes(format))
+QByteArray toneBlock(double frequencyHz, int rate, int channels, snd_pcm_format_t format, qint64 first, int frames)
 {
-}
-
-QByteArray ToneGenerator::next(int frames)
-{
-    QByteArray block(frames * m_channels * m_sampleBytes, '\0');
+    const int bytes = sampleBytes(format);
+    QByteArray block(frames * channels * bytes, '\0');
     char* out = block.data();
-    for (int frame = 0; frame < frames; ++frame) {
-        const double value = 0.5 * std::sin(m_phase);
-        m_phase = std::fmod(m_phase + m_step, 2.0 * M_PI);
-        for (int channel = 0; channel < m_channels; ++channel, out += m_sampleBytes)
-            encodeSample(value, m_format, out);
+    for (qint64 frame = first; frame < first + frames; ++frame) {
+        const double value = 0.5 * std::sin(2.0 * M_PI * frequencyHz * double(frame) / rate);
+        for (int channel = 0; channel < channels; ++channel, out += bytes)
+            encodeSample(value, format, out);
     }
     return block;
 }

@@ -31,19 +31,8 @@ int firstFrameAtOrAbove(const QByteArray& block, snd_pcm_format_t format, int ch
 /// A peak magnitude in dBFS ("-6.0", "-inf").
 QString dbfsText(double peak);
 
-/// A sine tone at -6 dBFS, the same on every channel, continuous across blocks.
-class ToneGenerator
-{
-public:
-    ToneGenerator(double frequencyHz, unsigned int rate, int channels, snd_pcm_format_t format);
-    QByteArray next(int frames);
-
-private:
-    double m_step;
-    double m_phase = 0;
-    int m_channels;
-    snd_pcm_format_t m_format;
-    int m_sampleBytes;
-};
+/// `frames` frames of a sine tone at -6 dBFS, the same on every channel,
+/// starting at frame `first` of the tone.
+QByteArray toneBlock(double frequencyHz, int rate, int channels, snd_pcm_format_t format, qint64 first, int frames);
 
 } // namespace quilaudio

@@ -33,22 +33,8 @@ const char* const Usage =
 
 // Frames per write for a file, which has no period.
 constexpr int FileBlockFrames = 1024;
-// With no period or buffer asked for, the ALSA utilities' choice: a 500 ms
-// buffer in four periods. Every period costs a wake-up and a transfer.
-constexpr int DefaultPeriodMs = 125;
-constexpr int DefaultBufferMs = 500;
-constexpr qint64 ProgressIntervalMs = 100;
 // How long a drain may take beyond the buffer's own length before we give up.
 constexpr unsigned int DrainSlackS = 5;
-
-// Both options of a pair set the same quantity; the later setter would win
-// silently, so asking for both is a mistake worth naming.
-bool exclusive(const QCommandLineParser& parser, const QString& a, const QString& b, QString* error)
-{
-    if (parser.isSet(a) && parser.isSet(b))
-        return refuse(error, QStringLiteral("--%1 and --%2 set the same thing; give one of them").arg(a, b));
-    return true;
-}
 
 QString formatText(snd_pcm_format_t format)
 {
@@ -64,8 +50,7 @@ public:
     int run(const QStringList& arguments)
     {
         QCommandLineParser parser;
-        parser.setApplicationDescription(QString::fromLatin1(Usage));
-        addStreamOptions(parser);
+        addStreamOptions(parser, Usage, "Input file; \"-\" is stdin (raw).");
         parser.addOptions({
             {{QStringLiteral("o"), QStringLiteral("output-file")},
              QStringLiteral("Write into this raw file instead of an ALSA device."), QStringLiteral("file")},
@@ -76,22 +61,19 @@ public:
             {{QStringLiteral("B"), QStringLiteral("buffer-time")}, QStringLiteral("Buffer in microseconds (500000 with no -F)."),
              QStringLiteral("us")},
             {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
-            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
-             QStringLiteral("frames")},
+            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."), QStringLiteral("frames")},
             {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."), QStringLiteral("us")},
             {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
             {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
             {QStringLiteral("tstamp"), QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
             {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
         });
-        parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Input file; \"-\" is stdin (raw)."),
-                                     QStringLiteral("[file]"));
         int status = ExitOk;
         if (!parseCommandLine(parser, arguments, Command, &status,
                               [&](QString* error) { return readOptions(parser, error); }))
             return status;
 
-        SignalWatcher signalWatcher;
+        watchSignals();
         status = openSource();
         if (status == ExitOk)
             status = openDevice();
@@ -103,14 +85,12 @@ private:
     {
         if (!readStreamOptions(parser, &m_stream, error) || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
             return false;
-        const QStringList positional = parser.positionalArguments();
-        if (positional.size() > 1)
-            return refuse(error, QStringLiteral("one input file at most, got: ") + positional.join(QLatin1Char(' ')));
-        m_input = positional.value(0, QStringLiteral("-"));
+        if (!readFileArgument(parser, QStringLiteral("input"), &m_input, error))
+            return false;
         m_outputFile = parser.value(QStringLiteral("output-file"));
         m_drain = !parser.isSet(QStringLiteral("no-drain"));
         if (parser.isSet(QStringLiteral("tone"))) {
-            if (!positional.isEmpty())
+            if (!parser.positionalArguments().isEmpty())
                 return refuse(error, QStringLiteral("--tone replaces the input file; give one of them"));
             if (!(m_toneHz > 0 && m_toneHz < m_stream.rate / 2.0))
                 return refuse(error, QStringLiteral("--tone must lie between 0 and half the rate (%1 Hz), not %2")
@@ -233,12 +213,8 @@ private:
             const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
                                          : QStringLiteral("'%1'").arg(m_outputFile);
             const QString why = m_device->errorString();
-            return fail(Command, QStringLiteral("cannot open ") + where + (why.isEmpty() ? QString() : QStringLiteral(": ") + why),
-                        ExitFailed);
+            return fail(Command, QStringLiteral("cannot open ") + where + (why.isEmpty() ? QString() : QStringLiteral(": ") + why), ExitFailed);
         }
-        if (m_toneHz > 0)
-            m_tone = std::make_unique<ToneGenerator>(m_toneHz, m_device->sampleRate(), m_device->channelCount(),
-                                                     m_stream.format);
         if (!m_alsa)
             return ExitOk;
         m_blockFrames = m_alsa->periodSize() > 0 ? static_cast<int>(m_alsa->periodSize()) : FileBlockFrames;
@@ -260,7 +236,7 @@ private:
         bool interrupted = false;
         QString error;
         while (framesLeft != 0 && error.isEmpty()) {
-            if (SignalWatcher::stopRequested()) {
+            if (stopRequested()) {
                 interrupted = true;
                 break;
             }
@@ -270,7 +246,7 @@ private:
                 break;
             const AudioOutputDevice::WriteResult result = m_device->write(block);
             if (result == AudioOutputDevice::DeviceClosed) {
-                interrupted = SignalWatcher::stopRequested();
+                interrupted = stopRequested();
                 if (!interrupted)
                     error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, m_device->errorString());
                 break;
@@ -296,8 +272,8 @@ private:
     // The next block in the device's layout; empty at the end of the input.
     bool nextBlock(int frames, QByteArray* block, QString* error)
     {
-        if (m_tone) {
-            *block = m_tone->next(frames);
+        if (m_toneHz > 0) {
+            *block = toneBlock(m_toneHz, m_device->sampleRate(), m_device->channelCount(), m_stream.format, m_framesPlayed, frames);
             return true;
         }
         if (!m_inputFile.read(frames, block))
@@ -375,32 +351,24 @@ private:
     // What the command line asks of an ALSA device; -1: left to ALSA.
     struct AlsaSettings
     {
-        int periodMs = -1;
-        int periodFrames = -1;
-        int bufferMs = -1;
-        int bufferFrames = -1;
-        int startThresholdMs = -1;
-        int startThresholdFrames = -1;
-        bool nearRate = false;
-        bool nearChannels = false;
-        bool timestamps = false;
+        int periodMs = -1, periodFrames = -1, bufferMs = -1, bufferFrames = -1;
+        int startThresholdMs = -1, startThresholdFrames = -1;
+        bool nearRate = false, nearChannels = false, timestamps = false;
     };
 
 
     StreamOptions m_stream;
     AlsaSettings m_alsaSettings;
-    QString m_input;
-    QString m_outputFile;
+    QString m_input, m_outputFile;
     double m_toneHz = 0;
     bool m_drain = true;
     std::unique_ptr<AudioOutputDevice> m_device;
     AlsaOutputDevice* m_alsa = nullptr;
-    std::unique_ptr<ToneGenerator> m_tone;
     AudioFile m_inputFile;
     int m_blockFrames = 1024;
     qint64 m_framesPlayed = 0;
     int m_xruns = 0;
-    int m_delayFrames = -1;
+    int m_delayFrames = -1;   // and its age, from the last delay() asked
     int64_t m_delayAgeUs = 0;
     ProgressLine m_progress;
 };

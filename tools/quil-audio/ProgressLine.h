@@ -4,6 +4,9 @@
 
 namespace quilaudio {
 
+/// How often a progress line is redrawn.
+constexpr int ProgressIntervalMs = 100;
+
 /// A status line redrawn in place on stderr, shown only when stderr is a terminal.
 class ProgressLine
 {

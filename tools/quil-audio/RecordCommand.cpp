@@ -46,11 +46,6 @@ const char* const Usage =
     "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
     "stderr sums up frames, peaks and capture errors.";
 
-// The ALSA utilities' choice (a 500 ms buffer in four periods): a period costs
-// a wake-up and a device transfer, and a recording needs no lower latency.
-constexpr int DefaultPeriodMs = 125;
-constexpr int BufferPeriods = 4;
-constexpr int ProgressIntervalMs = 100;
 // A source that delivers nothing for this long is reported rather than waited for.
 constexpr qint64 NoAudioTimeoutMs = 5000;
 constexpr unsigned int StopTimeoutS = 5;
@@ -80,12 +75,11 @@ class RecordCommand
 public:
     int run(const QStringList& arguments)
     {
+        int status = ExitOk;
         QCommandLineParser parser;
-        parser.setApplicationDescription(QString::fromLatin1(Usage));
-        addStreamOptions(parser);
+        addStreamOptions(parser, Usage, "Output file; \"-\" is stdout (raw).");
         parser.addOptions({
-            {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."),
-             QStringLiteral("file")},
+            {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."), QStringLiteral("file")},
             {{QStringLiteral("F"), QStringLiteral("period-time")},
              QStringLiteral("Period in microseconds (125000); one read of the provider."), QStringLiteral("us")},
             {{QStringLiteral("B"), QStringLiteral("buffer-time")},
@@ -93,15 +87,11 @@ public:
             {QStringLiteral("ring-ms"),
              QStringLiteral("Ring buffer of recent audio (the pre-roll, at least a period; a period more with a trigger)."),
              QStringLiteral("ms")},
-            {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."),
-             QStringLiteral("ms")},
+            {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."), QStringLiteral("ms")},
             {QStringLiteral("trigger-dbfs"), QStringLiteral("Ask for recording at the first sample at this level or above."),
              QStringLiteral("dBFS")},
             {QStringLiteral("mute"), QStringLiteral("Start muted (silence is recorded); SIGUSR1 toggles.")},
         });
-        parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Output file; \"-\" is stdout (raw)."),
-                                     QStringLiteral("[file]"));
-        int status = ExitOk;
         if (!parseCommandLine(parser, arguments, Command, &status,
                               [&](QString* error) { return readOptions(parser, error); }))
             return status;
@@ -127,10 +117,8 @@ private:
             || !readInt(parser, QStringLiteral("ring-ms"), 0, 3600000, &m_ringMs, error)
             || !readInt(parser, QStringLiteral("pre-roll-ms"), 0, 3600000, &m_preRollMs, error))
             return false;
-        const QStringList positional = parser.positionalArguments();
-        if (positional.size() > 1)
-            return refuse(error, QStringLiteral("one output file at most, got: ") + positional.join(QLatin1Char(' ')));
-        m_output = positional.value(0, QStringLiteral("-"));
+        if (!readFileArgument(parser, QStringLiteral("output"), &m_output, error))
+            return false;
         if (m_output == QLatin1String("-") && ::isatty(STDOUT_FILENO) == 1)
             return refuse(error, QStringLiteral("will not write audio to a terminal; give an output file or redirect stdout"));
         m_inputFile = parser.value(QStringLiteral("input-file"));
@@ -140,7 +128,7 @@ private:
         if (m_periodMs < 0)
             m_periodMs = DefaultPeriodMs;
         if (m_bufferMs < 0)
-            m_bufferMs = BufferPeriods * m_periodMs;
+            m_bufferMs = DefaultBufferMs / DefaultPeriodMs * m_periodMs;
 
         // The ring must hold one read at least; without a pre-roll none is needed.
         // A trigger counts back from a sample inside the newest read, so the ring
@@ -195,15 +183,14 @@ private:
         if (!m_hasTrigger)
             startRecording(0);
 
-        SignalWatcher signalWatcher;
-        QObject::connect(&signalWatcher, &SignalWatcher::stopSignalled, &m_loop, &QEventLoop::quit);
-        QObject::connect(&signalWatcher, &SignalWatcher::toggleSignalled, &m_loop,
-                         [this] { m_provider->setMuteState(!m_provider->isMuted()); });
+        watchSignals();
         QTimer ticker;
         QElapsedTimer clock;
         QObject::connect(&ticker, &QTimer::timeout, &m_loop, [this, &clock] {
+            if (takeToggleRequest())
+                m_provider->setMuteState(!m_provider->isMuted());
             const int status = checkCaptureRuns(clock.elapsed());
-            if (status != ExitOk)
+            if (status != ExitOk || stopRequested())
                 m_loop.exit(status);
             else
                 showProgress();
@@ -235,8 +222,7 @@ private:
         if (!capture.errorString.isEmpty())
             return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, capture.errorString), ExitFailed);
         if (elapsedMs > NoAudioTimeoutMs)
-            return fail(Command, QStringLiteral("no audio from %1 within %2 s").arg(source).arg(NoAudioTimeoutMs / 1000),
-                        ExitFailed);
+            return fail(Command, QStringLiteral("no audio from %1 within %2 s").arg(source).arg(NoAudioTimeoutMs / 1000), ExitFailed);
         return ExitOk;
     }
 
@@ -264,13 +250,8 @@ private:
         const int channels = static_cast<int>(m_stream.channels);
         // The meter is measured only while it is drawn.
         if (m_progress.isShown()) {
-            QVector<double> peaks;
-            accumulatePeaks(block, m_stream.format, channels, &peaks);
             QMutexLocker locker(&m_meterMutex);
-            if (m_meterPeaks.size() != peaks.size())
-                m_meterPeaks.fill(0.0, peaks.size());
-            for (int channel = 0; channel < peaks.size(); ++channel)
-                m_meterPeaks[channel] = std::max(m_meterPeaks[channel], peaks[channel]);
+            accumulatePeaks(block, m_stream.format, channels, &m_meterPeaks);
         }
         if (!m_armed || m_stopping)
             return;
@@ -360,12 +341,8 @@ private:
     }
 
     StreamOptions m_stream;
-    QString m_inputFile;
-    QString m_output;
-    int m_periodMs = -1;
-    int m_bufferMs = -1;
-    int m_ringMs = -1;
-    int m_preRollMs = 0;
+    QString m_inputFile, m_output;
+    int m_periodMs = -1, m_bufferMs = -1, m_ringMs = -1, m_preRollMs = 0;   // -F, -B, --ring-ms, --pre-roll-ms
     bool m_hasTrigger = false;
     double m_triggerPeak = 0;
     bool m_startMuted = false;
@@ -383,10 +360,8 @@ private:
     QEventLoop m_loop;
     ProgressLine m_progress;
 
-    std::atomic<bool> m_armed{false};
-    std::atomic<bool> m_stopping{false};
+    std::atomic<bool> m_armed{false}, m_stopping{false}, m_done{false};
     int m_restarts = 0;   // the provider's restart count, kept for the summary
-    std::atomic<bool> m_done{false};
     std::atomic<qint64> m_blocksSeen{0};
     std::atomic<qint64> m_framesWritten{0};
     QString m_writeError;           // set by the worker before m_done

@@ -2,8 +2,6 @@
 
 #include "CommandLine.h"
 
-#include <QSocketNotifier>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -14,25 +12,23 @@ namespace quilaudio {
 
 namespace {
 
-int selfPipe[2] = {-1, -1};
 std::atomic<bool> stopFlag{false};
+std::atomic<int> toggles{0};
 
 void onSignal(int signal)
 {
-    const int savedErrno = errno;
-    if (signal != SIGUSR1) {
-        stopFlag = true;
-        // libsndfile retries a read that a signal interrupts: an input that
-        // stays open but silent (a terminal, a quiet pipe) ends here instead.
-        const int devNull = ::open("/dev/null", O_RDONLY);
-        if (devNull >= 0) {
-            ::dup2(devNull, STDIN_FILENO);
-            ::close(devNull);
-        }
+    if (signal == SIGUSR1) {
+        ++toggles;
+        return;
     }
-    const char byte = static_cast<char>(signal);
-    if (::write(selfPipe[1], &byte, 1) < 0) {
-        // A full pipe already holds a wake-up; the flag carries the stop.
+    stopFlag = true;
+    // libsndfile retries a read that a signal interrupts: an input that
+    // stays open but silent (a terminal, a quiet pipe) ends here instead.
+    const int savedErrno = errno;
+    const int devNull = ::open("/dev/null", O_RDONLY);
+    if (devNull >= 0) {
+        ::dup2(devNull, STDIN_FILENO);
+        ::close(devNull);
     }
     errno = savedErrno;
 }
@@ -57,43 +53,21 @@ void setHandler(int signal, void (*handler)(int))
 
 } // namespace
 
-SignalWatcher::SignalWatcher()
+void watchSignals()
 {
-    if (selfPipe[0] < 0 && ::pipe2(selfPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        selfPipe[0] = selfPipe[1] = -1;
-    if (selfPipe[0] >= 0) {
-        m_notifier = new QSocketNotifier(selfPipe[0], QSocketNotifier::Read, this);
-        connect(m_notifier, &QSocketNotifier::activated, this, &SignalWatcher::onSelfPipeReadable);
-    }
     for (int signal : {SIGINT, SIGTERM, SIGUSR1})
         setHandler(signal, onSignal);
-    // A reader that goes away shows as a failed write, not as a silent death.
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-SignalWatcher::~SignalWatcher()
-{
-    for (int signal : {SIGINT, SIGTERM, SIGUSR1})
-        setHandler(signal, SIG_DFL);
-}
-
-bool SignalWatcher::stopRequested()
+bool stopRequested()
 {
     return stopFlag;
 }
 
-void SignalWatcher::onSelfPipeReadable()
+bool takeToggleRequest()
 {
-    char received[16];
-    ssize_t n;
-    while ((n = ::read(selfPipe[0], received, sizeof received)) > 0) {
-        for (ssize_t i = 0; i < n; ++i) {
-            if (received[i] == SIGUSR1)
-                emit toggleSignalled();
-            else
-                emit stopSignalled();
-        }
-    }
+    return toggles.exchange(0) % 2 == 1;
 }
 
 void armStopWatchdog(unsigned int seconds)
