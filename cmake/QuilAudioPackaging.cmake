@@ -84,9 +84,6 @@ programs, one task each.")
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${QUIL_DEB_TOOL})
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION sound)
 set(CPACK_COMPONENT_TOOL_DEPENDS runtime)
-# The tool opens libsndfile at run time, out of dpkg-shlibdeps' sight; the
-# version is the one its symbols file gives the functions the tool calls.
-set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libsndfile1 (>= 1.0.20)")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION
     "command-line client of libquil_audio for bringing audio up on a board
 quil-audio records from and plays to ALSA PCMs, lists the PCMs and cards a

@@ -136,6 +136,7 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     AlsaCard card("testmix", false);
     EXPECT_FALSE(card.loadMixerElement("master"));
     EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair(QString("Cannot load mixer element, not opened testmix"), 0));
+    EXPECT_TRUE(card.elementNames().isEmpty());
     faults::arm("snd_mixer_load", -EIO);
     EXPECT_FALSE(card.open());
     EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair("Mixer testmix load error: " + alsaText(-EIO), -EIO));
@@ -144,6 +145,7 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     EXPECT_EQ(card.errorCode(), 0);
     EXPECT_TRUE(card.open());
     EXPECT_EQ(faults::calls("snd_mixer_open"), 1);
+    EXPECT_EQ(card.elementNames(), AlsaMixerHandle::openHandle("testmix")->buildElementList());
     EXPECT_FALSE(card.loadMixerElement(""));
     EXPECT_FALSE(card.loadMixerElement("Speaker"));
     EXPECT_EQ(card.errorString(), "Element 'Speaker' ('') not found");

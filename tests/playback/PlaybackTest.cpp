@@ -2,6 +2,7 @@
 // tee and null plugins and the constrained PCMs of the test configuration,
 // with injected failures where real ALSA cannot fail on demand.
 
+#include "AlsaDevices.h"
 #include "AlsaOutputDevice.h"
 #include "FileOutputDevice.h"
 
@@ -236,4 +237,14 @@ TEST_F(PlaybackTest, EveryFailingNegotiationStepFailsOpenAndReleasesAll)
         EXPECT_FALSE(device.open());
         EXPECT_EQ(device.write(patternBytes(400)), Out::DeviceClosed);
     }
+}
+
+// What play probes before it chooses a format to read a file in; the PCM
+// listing is checked through `quil-audio devices` (tests/tools).
+TEST_F(PlaybackTest, DevicesTellTheFormatsAPcmTakes)
+{
+    EXPECT_EQ(AlsaDevices::formats("only44k", SND_PCM_STREAM_PLAYBACK), QVector<snd_pcm_format_t>{SND_PCM_FORMAT_S32_LE});
+    int code = 0;
+    EXPECT_TRUE(AlsaDevices::formats("nosuch", SND_PCM_STREAM_PLAYBACK, &code).isEmpty());
+    EXPECT_LT(code, 0);
 }

@@ -1,20 +1,15 @@
-#include "DevicesCommand.h"
+#include "Commands.h"
 
-#include "CommandSupport.h"
+#include "CommandLine.h"
 
+#include "AlsaDevices.h"
 #include "AlsaMixerHandle.h"
 
-#include <QCommandLineParser>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <alsa/asoundlib.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 
 namespace quilaudio {
 
@@ -28,54 +23,59 @@ const char* const Usage =
     "elements on each (mixer device hw:N). PCMs without a hint (such as 'default'\n"
     "on many systems) are not listed but can still be opened by name.";
 
-struct HintsDeleter
-{
-    void operator()(void** hints) const { snd_device_name_free_hint(hints); }
-};
-
-struct MallocDeleter
-{
-    void operator()(char* text) const { std::free(text); }
-};
-
-using MallocText = std::unique_ptr<char, MallocDeleter>;
-
-QString takeText(char* text)
-{
-    const MallocText owned(text);
-    return owned ? QString::fromLocal8Bit(owned.get()) : QString();
-}
-
-/// Active simple elements of the mixer `device`, each index counted; -1 when it cannot be opened.
-int countMixerElements(const QString& device)
+// The mixer with the number of its active simple elements, each index
+// counted; null, not a number, when it cannot be opened.
+QJsonObject mixerJson(const QString& device)
 {
     const QSharedPointer<AlsaMixerHandle> handle = AlsaMixerHandle::openHandle(device);
-    return handle ? handle->buildElementList().size() : -1;
+    return {{QStringLiteral("mixer"), device},
+            {QStringLiteral("mixerElements"), handle ? QJsonValue(handle->buildElementList().size()) : QJsonValue()}};
 }
 
-QString directions(bool playback, bool capture)
+QString elementsText(const QJsonValue& count)
 {
-    QStringList served;
-    if (playback)
-        served << QStringLiteral("playback");
-    if (capture)
-        served << QStringLiteral("capture");
-    return served.join(QStringLiteral(", "));
+    return count.isNull() ? QStringLiteral("mixer cannot be opened") : QStringLiteral("%1 mixer elements").arg(count.toInt());
 }
 
-QString elementsText(int count)
+// The listing as text, from the same object that --json prints.
+void printText(const QJsonObject& all)
 {
-    return count < 0 ? QStringLiteral("mixer cannot be opened") : QStringLiteral("%1 mixer elements").arg(count);
-}
-
-void printOut(const QString& line)
-{
-    std::printf("%s\n", line.toLocal8Bit().constData());
+    const QJsonArray pcms = all[QStringLiteral("pcms")].toArray();
+    int width = 0;
+    for (const QJsonValue& pcm : pcms)
+        width = std::max(width, pcm[QStringLiteral("name")].toString().size());
+    printOut(QStringLiteral("PCMs:"));
+    if (pcms.isEmpty())
+        printOut(QStringLiteral("  none"));
+    for (const QJsonValue& pcm : pcms) {
+        QStringList served;
+        if (pcm[QStringLiteral("playback")].toBool())
+            served << QStringLiteral("playback");
+        if (pcm[QStringLiteral("capture")].toBool())
+            served << QStringLiteral("capture");
+        const QString description = pcm[QStringLiteral("description")].toString()
+                                        .split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(QStringLiteral(", "));
+        const QString line = pcm[QStringLiteral("name")].toString().leftJustified(width) + QStringLiteral("  ")
+                             + served.join(QStringLiteral(", ")).leftJustified(17) + QStringLiteral("  ") + description;
+        printOut(QStringLiteral("  ") + line.trimmed());
+    }
+    const QJsonArray cards = all[QStringLiteral("cards")].toArray();
+    printOut(QStringLiteral("Cards:"));
+    if (cards.isEmpty())
+        printOut(QStringLiteral("  none"));
+    for (const QJsonValue& card : cards)
+        printOut(QStringLiteral("  %1  %2 (%3): %4").arg(card[QStringLiteral("mixer")].toString(), card[QStringLiteral("name")].toString(),
+                                                          card[QStringLiteral("longName")].toString(), elementsText(card[QStringLiteral("mixerElements")])));
+    const QJsonArray mixers = all[QStringLiteral("mixers")].toArray();
+    if (!mixers.isEmpty())
+        printOut(QStringLiteral("Mixers:"));
+    for (const QJsonValue& mixer : mixers)
+        printOut(QStringLiteral("  %1: %2").arg(mixer[QStringLiteral("mixer")].toString(), elementsText(mixer[QStringLiteral("mixerElements")])));
 }
 
 } // namespace
 
-int DevicesCommand::run(const QStringList& arguments)
+int runDevicesCommand(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QString::fromLatin1(Usage));
@@ -89,130 +89,37 @@ int DevicesCommand::run(const QStringList& arguments)
     if (!parseCommandLine(parser, arguments, Command, &status))
         return status;
     if (!parser.positionalArguments().isEmpty())
-        return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()),
-                    ExitUsage);
+        return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()), ExitUsage);
 
-    QString error;
-    if (!readPcms(&error))
-        return fail(Command, error, ExitFailed);
-    readCards();
-    if (!readNamedMixers(parser.values(QStringLiteral("mixer")), &error))
-        return fail(Command, error, ExitFailed);
-    if (parser.isSet(QStringLiteral("json")))
-        printJson();
-    else
-        printText();
-    return ExitOk;
-}
-
-bool DevicesCommand::readPcms(QString* error)
-{
-    void** rawHints = nullptr;
-    const int result = snd_device_name_hint(-1, "pcm", &rawHints);
-    if (result < 0) {
-        *error = QStringLiteral("cannot read ALSA's device name hints: %1").arg(QString::fromLocal8Bit(snd_strerror(result)));
-        return false;
-    }
-    const std::unique_ptr<void*, HintsDeleter> hints(rawHints);
-    for (void** hint = hints.get(); *hint; ++hint) {
-        Pcm pcm;
-        pcm.name = takeText(snd_device_name_get_hint(*hint, "NAME"));
-        if (pcm.name.isEmpty())
-            continue;
-        pcm.description = takeText(snd_device_name_get_hint(*hint, "DESC"));
-        // No direction in the hint means both.
-        const QString direction = takeText(snd_device_name_get_hint(*hint, "IOID"));
-        pcm.playback = direction != QLatin1String("Input");
-        pcm.capture = direction != QLatin1String("Output");
-        m_pcms << pcm;
-    }
-    return true;
-}
-
-void DevicesCommand::readCards()
-{
-    int card = -1;
-    while (snd_card_next(&card) == 0 && card >= 0) {
-        Mixer mixer;
-        mixer.card = card;
-        mixer.device = QStringLiteral("hw:%1").arg(card);
-        char* text = nullptr;
-        if (snd_card_get_name(card, &text) == 0)
-            mixer.cardName = takeText(text);
-        text = nullptr;
-        if (snd_card_get_longname(card, &text) == 0)
-            mixer.cardLongName = takeText(text);
-        mixer.elementCount = countMixerElements(mixer.device);
-        m_cards << mixer;
-    }
-}
-
-// A mixer asked for by name must open: its count is what the caller wants to know.
-bool DevicesCommand::readNamedMixers(const QStringList& devices, QString* error)
-{
-    for (const QString& device : devices) {
-        Mixer mixer;
-        mixer.device = device;
-        mixer.elementCount = countMixerElements(device);
-        if (mixer.elementCount < 0) {
-            *error = QStringLiteral("cannot open mixer '%1'").arg(device);
-            return false;
-        }
-        m_mixers << mixer;
-    }
-    return true;
-}
-
-void DevicesCommand::printText() const
-{
-    int width = 0;
-    for (const Pcm& pcm : m_pcms)
-        width = std::max(width, pcm.name.size());
-    printOut(QStringLiteral("PCMs:"));
-    if (m_pcms.isEmpty())
-        printOut(QStringLiteral("  none"));
-    for (const Pcm& pcm : m_pcms) {
-        const QString description = pcm.description.split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(QStringLiteral(", "));
-        const QString line = pcm.name.leftJustified(width) + QStringLiteral("  ")
-                             + directions(pcm.playback, pcm.capture).leftJustified(17) + QStringLiteral("  ") + description;
-        printOut(QStringLiteral("  ") + line.trimmed());
-    }
-    printOut(QStringLiteral("Cards:"));
-    if (m_cards.isEmpty())
-        printOut(QStringLiteral("  none"));
-    for (const Mixer& card : m_cards)
-        printOut(QStringLiteral("  %1  %2 (%3): %4").arg(card.device, card.cardName, card.cardLongName, elementsText(card.elementCount)));
-    if (m_mixers.isEmpty())
-        return;
-    printOut(QStringLiteral("Mixers:"));
-    for (const Mixer& mixer : m_mixers)
-        printOut(QStringLiteral("  %1: %2").arg(mixer.device, elementsText(mixer.elementCount)));
-}
-
-void DevicesCommand::printJson() const
-{
+    int code = 0;
     QJsonArray pcms;
-    for (const Pcm& pcm : m_pcms)
-        pcms.append(QJsonObject{{QStringLiteral("name"), pcm.name},
-                                {QStringLiteral("description"), pcm.description},
-                                {QStringLiteral("playback"), pcm.playback},
-                                {QStringLiteral("capture"), pcm.capture}});
-    // A mixer that cannot be opened has no element count: null, not a number.
-    const auto count = [](const Mixer& mixer) {
-        return mixer.elementCount < 0 ? QJsonValue() : QJsonValue(mixer.elementCount);
-    };
+    for (const AlsaDevices::Pcm& pcm : AlsaDevices::pcms(&code))
+        pcms.append(QJsonObject{{QStringLiteral("name"), pcm.name}, {QStringLiteral("description"), pcm.description},
+                                {QStringLiteral("playback"), pcm.playback}, {QStringLiteral("capture"), pcm.capture}});
+    if (code < 0)
+        return fail(Command, QStringLiteral("cannot read ALSA's device name hints: %1").arg(QString::fromLocal8Bit(snd_strerror(code))),
+                    ExitFailed);
     QJsonArray cards;
-    for (const Mixer& card : m_cards)
-        cards.append(QJsonObject{{QStringLiteral("card"), card.card},
-                                 {QStringLiteral("name"), card.cardName},
-                                 {QStringLiteral("longName"), card.cardLongName},
-                                 {QStringLiteral("mixer"), card.device},
-                                 {QStringLiteral("mixerElements"), count(card)}});
+    for (const AlsaDevices::Card& card : AlsaDevices::cards()) {
+        QJsonObject object = mixerJson(card.device);
+        object.insert(QStringLiteral("card"), card.index);
+        object.insert(QStringLiteral("name"), card.name);
+        object.insert(QStringLiteral("longName"), card.longName);
+        cards.append(object);
+    }
+    // A mixer asked for by name must open: its count is what the caller wants to know.
     QJsonArray mixers;
-    for (const Mixer& mixer : m_mixers)
-        mixers.append(QJsonObject{{QStringLiteral("mixer"), mixer.device}, {QStringLiteral("mixerElements"), count(mixer)}});
+    for (const QString& device : parser.values(QStringLiteral("mixer"))) {
+        mixers.append(mixerJson(device));
+        if (mixers.last()[QStringLiteral("mixerElements")].isNull())
+            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(device), ExitFailed);
+    }
     const QJsonObject all{{QStringLiteral("pcms"), pcms}, {QStringLiteral("cards"), cards}, {QStringLiteral("mixers"), mixers}};
-    std::fputs(QJsonDocument(all).toJson(QJsonDocument::Indented).constData(), stdout);
+    if (parser.isSet(QStringLiteral("json")))
+        std::fputs(QJsonDocument(all).toJson(QJsonDocument::Indented).constData(), stdout);
+    else
+        printText(all);
+    return ExitOk;
 }
 
 } // namespace quilaudio

@@ -1,22 +1,23 @@
-#include "MixerCommand.h"
+#include "Commands.h"
 
-#include "CommandSupport.h"
+#include "CommandLine.h"
+#include "Signals.h"
 
 #include "AlsaCard.h"
-#include "AlsaMixerHandle.h"
 
-#include <QCommandLineParser>
 #include <QEventLoop>
 #include <QRegularExpression>
+#include <QTimer>
 
 #include <cmath>
-#include <cstdio>
+#include <memory>
 
 namespace quilaudio {
 
 namespace {
 
 const QString Command = QStringLiteral("mixer");
+constexpr int StopPollMs = 50;
 
 const char* const Usage =
     "Reads and changes the simple-mixer elements of an ALSA mixer device:\n"
@@ -30,22 +31,11 @@ const char* const Usage =
     "when the element has it there, else on the capture side, unless --playback or\n"
     "--capture says which.";
 
-void printOut(const QString& line)
-{
-    std::fprintf(stdout, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stdout); // a watcher's lines must reach a pipe as they happen
-}
-
-bool volumeRange(AlsaMixerElement& element, AlsaElementMode mode, long* min, long* max)
-{
-    return element.getVolumeRange(min, max, mode);
-}
-
 QString describeSide(AlsaMixerElement& element, AlsaElementMode mode)
 {
     QStringList parts;
     long min = 0, max = 0, value = 0;
-    if (volumeRange(element, mode, &min, &max) && element.getVolume(&value, mode)) {
+    if (element.getVolumeRange(&min, &max, mode) && element.getVolume(&value, mode)) {
         // In double: where long has 32 bits, max - min of a full-range control overflows.
         const long percent = max > min ? std::lround(100.0 * (double(value) - min) / (double(max) - min)) : 0;
         QString volume = QStringLiteral("volume %1 [%2..%3] %4%").arg(value).arg(min).arg(max).arg(percent);
@@ -98,279 +88,249 @@ QString because(const QString& why)
     return why.isEmpty() ? QString() : QStringLiteral(": ") + why;
 }
 
-} // namespace
-
-MixerCommand::MixerCommand() = default;
-MixerCommand::~MixerCommand() = default;
-
-int MixerCommand::run(const QStringList& arguments)
+/// `quil-audio mixer`: lists, reads, changes and watches simple-mixer
+/// elements through AlsaCard, on the calling thread, whose event loop
+/// delivers the elements' changed() signals while watching.
+class MixerCommand
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QString::fromLatin1(Usage));
-    parser.addOptions({
-        {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA mixer device name."),
-         QStringLiteral("name"), QString::fromLatin1(AlsaCard::DefaultName)},
-        {QStringLiteral("db"), QStringLiteral("set: gain in dB (the nearest value at or below it)."), QStringLiteral("dB")},
-        {QStringLiteral("volume"), QStringLiteral("set: raw volume, or N% of the element's range."), QStringLiteral("n[%]")},
-        {QStringLiteral("switch"), QStringLiteral("set: switch on or off."), QStringLiteral("on|off")},
-        {QStringLiteral("enum"), QStringLiteral("set: enumeration item by (partial) name or number."), QStringLiteral("item")},
-        {QStringLiteral("playback"), QStringLiteral("set: change the playback side.")},
-        {QStringLiteral("capture"), QStringLiteral("set: change the capture side.")},
-        {QStringLiteral("count"), QStringLiteral("watch: end after this many changes."), QStringLiteral("n")},
-    });
-    parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
-    parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."), QStringLiteral("[name...]"));
-    int status = ExitOk;
-    if (!parseCommandLine(parser, arguments, Command, &status))
-        return status;
+public:
+    int run(const QStringList& arguments)
+    {
+        QCommandLineParser parser;
+        parser.setApplicationDescription(QString::fromLatin1(Usage));
+        parser.addOptions({
+            {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA mixer device name."),
+             QStringLiteral("name"), QString::fromLatin1(AlsaCard::DefaultName)},
+            {QStringLiteral("db"), QStringLiteral("set: gain in dB (the nearest value at or below it)."), QStringLiteral("dB")},
+            {QStringLiteral("volume"), QStringLiteral("set: raw volume, or N% of the element's range."), QStringLiteral("n[%]")},
+            {QStringLiteral("switch"), QStringLiteral("set: switch on or off."), QStringLiteral("on|off")},
+            {QStringLiteral("enum"), QStringLiteral("set: enumeration item by (partial) name or number."), QStringLiteral("item")},
+            {QStringLiteral("playback"), QStringLiteral("set: change the playback side.")},
+            {QStringLiteral("capture"), QStringLiteral("set: change the capture side.")},
+            {QStringLiteral("count"), QStringLiteral("watch: end after this many changes."), QStringLiteral("n")},
+        });
+        parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
+        parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."), QStringLiteral("[name...]"));
+        int status = ExitOk;
+        if (!parseCommandLine(parser, arguments, Command, &status))
+            return status;
 
-    m_device = parser.value(QStringLiteral("device"));
-    m_playbackAsked = parser.isSet(QStringLiteral("playback"));
-    m_captureAsked = parser.isSet(QStringLiteral("capture"));
-    const QStringList positional = parser.positionalArguments();
-    const QString action = positional.value(0);
-    const QStringList names = positional.mid(1);
-    QString error;
-    int count = -1;
-    if (!readInt(parser, QStringLiteral("count"), 1, 1000000, &count, &error))
-        return fail(Command, error, ExitUsage);
-    if (m_playbackAsked && m_captureAsked)
-        return fail(Command, QStringLiteral("--playback and --capture exclude each other"), ExitUsage);
+        m_device = parser.value(QStringLiteral("device"));
+        m_playbackAsked = parser.isSet(QStringLiteral("playback"));
+        m_captureAsked = parser.isSet(QStringLiteral("capture"));
+        const QStringList positional = parser.positionalArguments();
+        const QString action = positional.value(0);
+        const QStringList names = positional.mid(1);
+        QString error;
+        int count = -1;
+        if (!readInt(parser, QStringLiteral("count"), 1, 1000000, &count, &error))
+            return fail(Command, error, ExitUsage);
+        if (m_playbackAsked && m_captureAsked)
+            return fail(Command, QStringLiteral("--playback and --capture exclude each other"), ExitUsage);
 
-    const bool named = action == QLatin1String("get") || action == QLatin1String("set");
-    if (!named && action != QLatin1String("list") && action != QLatin1String("watch"))
-        return fail(Command, action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
-                                              : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action),
-                    ExitUsage);
-    if (named ? names.size() != 1 : action == QLatin1String("list") && !names.isEmpty())
-        return fail(Command, QStringLiteral("'%1' takes %2").arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
-                    ExitUsage);
+        const bool named = action == QLatin1String("get") || action == QLatin1String("set");
+        if (!named && action != QLatin1String("list") && action != QLatin1String("watch"))
+            return fail(Command, action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
+                                                  : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action), ExitUsage);
+        if (named ? names.size() != 1 : action == QLatin1String("list") && !names.isEmpty())
+            return fail(Command, QStringLiteral("'%1' takes %2").arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
+                        ExitUsage);
 
-    status = openCard();
-    if (status != ExitOk)
-        return status;
-    if (action == QLatin1String("list"))
-        return list();
-    if (action == QLatin1String("get"))
-        return get(names[0]);
-    if (action == QLatin1String("set"))
-        return set(parser, names[0]);
-    return watch(names, count);
-}
-
-int MixerCommand::openCard()
-{
-    m_card = std::make_unique<AlsaCard>(m_device, true);
-    if (!m_card->isOpen())
-        return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()),
-                    ExitFailed);
-    return ExitOk;
-}
-
-AlsaMixerElementPtr MixerCommand::load(const QString& name, int* status)
-{
-    AlsaMixerElementPtr element = m_card->loadMixerElement(name);
-    if (!element)
-        *status = fail(Command, QStringLiteral("no element of mixer '%1' matches '%2'").arg(m_device, name), ExitFailed);
-    return element;
-}
-
-// Every element the mixer lists, through the card like any other request.
-QList<AlsaMixerElementPtr> MixerCommand::loadAll(int* status)
-{
-    QStringList names;
-    if (QSharedPointer<AlsaMixerHandle> handle = AlsaMixerHandle::openHandle(m_device))
-        names = handle->buildElementList();
-    names.removeDuplicates();
-    QList<AlsaMixerElementPtr> elements;
-    for (const QString& name : qAsConst(names)) {
-        if (AlsaMixerElementPtr element = load(name, status))
-            elements << element;
-        else
-            return {};
+        status = openCard();
+        if (status != ExitOk)
+            return status;
+        if (action == QLatin1String("set"))
+            return set(parser, names[0]);
+        const QList<AlsaMixerElementPtr> elements = load(names, &status);
+        if (status != ExitOk || action == QLatin1String("watch"))
+            return status != ExitOk ? status : watch(elements, count);
+        for (const AlsaMixerElementPtr& element : elements)
+            printOut(describe(*element));
+        return ExitOk;
     }
-    return elements;
-}
 
-int MixerCommand::list()
-{
-    int status = ExitOk;
-    const QList<AlsaMixerElementPtr> elements = loadAll(&status);
-    for (const AlsaMixerElementPtr& element : elements)
-        printOut(describe(*element));
-    return status;
-}
-
-int MixerCommand::get(const QString& name)
-{
-    int status = ExitOk;
-    if (AlsaMixerElementPtr element = load(name, &status))
-        printOut(describe(*element));
-    return status;
-}
-
-int MixerCommand::set(const QCommandLineParser& parser, const QString& name)
-{
-    const bool byVolume = parser.isSet(QStringLiteral("volume"));
-    const bool byDb = parser.isSet(QStringLiteral("db"));
-    const bool bySwitch = parser.isSet(QStringLiteral("switch"));
-    const bool byEnum = parser.isSet(QStringLiteral("enum"));
-    if (byVolume && byDb)
-        return fail(Command, QStringLiteral("--volume and --db set the same thing; give one of them"), ExitUsage);
-    if (!byVolume && !byDb && !bySwitch && !byEnum)
-        return fail(Command, QStringLiteral("set needs --db, --volume, --switch or --enum"), ExitUsage);
-    int status = ExitOk;
-    AlsaMixerElementPtr element = load(name, &status);
-    if (!element)
-        return status;
-    if (byEnum)
-        status = setEnum(*element, parser.value(QStringLiteral("enum")));
-    if (status == ExitOk && bySwitch)
-        status = setSwitch(*element, parser.value(QStringLiteral("switch")));
-    if (status == ExitOk && byVolume)
-        status = setVolume(*element, parser.value(QStringLiteral("volume")));
-    if (status == ExitOk && byDb)
-        status = setDb(*element, parser.value(QStringLiteral("db")));
-    if (status == ExitOk)
-        printOut(describe(*element));
-    return status;
-}
-
-bool MixerCommand::chooseSide(const QString& control, AlsaMixerElement& element, AlsaElementMode* mode,
-                              QString* error)
-{
-    long min = 0, max = 0;
-    const auto has = [&](AlsaElementMode side) {
-        return control == QLatin1String("switch") ? element.hasSwitch(side) : volumeRange(element, side, &min, &max);
-    };
-    if (m_playbackAsked || m_captureAsked) {
-        *mode = m_playbackAsked ? Playback : Capture;
-        if (has(*mode))
-            return true;
-        *error = QStringLiteral("'%1' has no %2 %3").arg(element.name(), m_playbackAsked ? QStringLiteral("playback") : QStringLiteral("capture"), control);
-        return false;
+private:
+    int openCard()
+    {
+        m_card = std::make_unique<AlsaCard>(m_device, true);
+        if (!m_card->isOpen())
+            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()), ExitFailed);
+        return ExitOk;
     }
-    for (AlsaElementMode side : {Playback, Capture}) {
-        if (has(side)) {
-            *mode = side;
-            return true;
+
+    // The named elements, or all that the mixer lists; reports each name that matches none.
+    QList<AlsaMixerElementPtr> load(const QStringList& names, int* status)
+    {
+        QList<AlsaMixerElementPtr> elements;
+        for (const QString& name : names.isEmpty() ? m_card->elementNames() : QList<QString>(names)) {
+            if (AlsaMixerElementPtr element = m_card->loadMixerElement(name))
+                elements << element;
+            else
+                *status = fail(Command, QStringLiteral("no element of mixer '%1' matches '%2'").arg(m_device, name), ExitFailed);
         }
+        return elements;
     }
-    *error = QStringLiteral("'%1' has no %2").arg(element.name(), control);
-    return false;
-}
 
-int MixerCommand::setVolume(AlsaMixerElement& element, const QString& value)
-{
-    AlsaElementMode mode = Playback;
-    QString error;
-    long min = 0, max = 0;
-    if (!chooseSide(QStringLiteral("volume"), element, &mode, &error) || !volumeRange(element, mode, &min, &max))
-        return fail(Command, error, ExitFailed);
-    const bool percent = value.endsWith(QLatin1Char('%'));
-    bool ok = false;
-    const double number = (percent ? value.chopped(1) : value).toDouble(&ok);
-    if (!ok || (!percent && number != std::floor(number)))
-        return fail(Command, QStringLiteral("--volume takes a whole number or a percentage, not '%1'").arg(value), ExitUsage);
-    // In double, then converted once in range: long may have 32 bits.
-    const double target = percent ? min + std::round(number * (double(max) - min) / 100.0) : number;
-    if (!(target >= min && target <= max) || (percent && (number < 0 || number > 100)))
-        return fail(Command, QStringLiteral("volume %1 is out of range %2..%3 for '%4'").arg(value).arg(min).arg(max).arg(element.name()),
-                    ExitFailed);
-    if (!element.setVolume(static_cast<long>(target), mode))
-        return fail(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()) + because(element.errorString()), ExitFailed);
-    return ExitOk;
-}
-
-int MixerCommand::setDb(AlsaMixerElement& element, const QString& value)
-{
-    bool ok = false;
-    const double dB = value.toDouble(&ok);
-    if (!ok || !std::isfinite(dB))
-        return fail(Command, QStringLiteral("--db takes a number, not '%1'").arg(value), ExitUsage);
-    AlsaElementMode mode = Playback;
-    QString error;
-    if (!chooseSide(QStringLiteral("volume"), element, &mode, &error))
-        return fail(Command, error, ExitFailed);
-    if (!element.hasDB(mode))
-        return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
-    if (!element.setDB(dB, mode))
-        return fail(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value) + because(element.errorString()), ExitFailed);
-    return ExitOk;
-}
-
-int MixerCommand::setSwitch(AlsaMixerElement& element, const QString& value)
-{
-    const QString state = value.toLower();
-    if (state != QLatin1String("on") && state != QLatin1String("off"))
-        return fail(Command, QStringLiteral("--switch takes on or off, not '%1'").arg(value), ExitUsage);
-    AlsaElementMode mode = Playback;
-    QString error;
-    if (!chooseSide(QStringLiteral("switch"), element, &mode, &error))
-        return fail(Command, error, ExitFailed);
-    if (!element.setSwitch(state == QLatin1String("on"), mode))
-        return fail(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state) + because(element.errorString()), ExitFailed);
-    return ExitOk;
-}
-
-// Items are matched like element names: exact, else the first that contains
-// the text, ignoring case; a number selects by position.
-int MixerCommand::setEnum(AlsaMixerElement& element, const QString& item)
-{
-    if (!element.isEnumerated())
-        return fail(Command, QStringLiteral("'%1' is not an enumeration").arg(element.name()), ExitFailed);
-    const QStringList items = enumItems(element);
-    bool isNumber = false;
-    int index = item.toInt(&isNumber);
-    if (!isNumber) {
-        index = items.indexOf(QRegularExpression(QRegularExpression::escape(item), QRegularExpression::CaseInsensitiveOption));
-        for (int i = 0; i < items.size() && index < 0; ++i)
-            index = items[i].contains(item, Qt::CaseInsensitive) ? i : -1;
-    }
-    if (index < 0 || index >= items.size())
-        return fail(Command, QStringLiteral("'%1' has no item '%2' (items: %3)").arg(element.name(), item, items.join(QStringLiteral(", "))),
-                    ExitFailed);
-    if (!element.setEnum(static_cast<unsigned int>(index)))
-        return fail(Command, QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()) + because(element.errorString()), ExitFailed);
-    return ExitOk;
-}
-
-int MixerCommand::watch(const QStringList& names, int count)
-{
-    int status = ExitOk;
-    QList<AlsaMixerElementPtr> elements;
-    if (names.isEmpty())
-        elements = loadAll(&status);
-    for (const QString& name : names) {
-        if (AlsaMixerElementPtr element = load(name, &status))
-            elements << element;
-    }
-    if (status != ExitOk)
+    int set(const QCommandLineParser& parser, const QString& name)
+    {
+        const bool byVolume = parser.isSet(QStringLiteral("volume"));
+        const bool byDb = parser.isSet(QStringLiteral("db"));
+        const bool bySwitch = parser.isSet(QStringLiteral("switch"));
+        const bool byEnum = parser.isSet(QStringLiteral("enum"));
+        QString error;
+        if (!exclusive(parser, QStringLiteral("volume"), QStringLiteral("db"), &error))
+            return fail(Command, error, ExitUsage);
+        if (!byVolume && !byDb && !bySwitch && !byEnum)
+            return fail(Command, QStringLiteral("set needs --db, --volume, --switch or --enum"), ExitUsage);
+        int status = ExitOk;
+        const AlsaMixerElementPtr element = load({name}, &status).value(0);
+        if (!element)
+            return status;
+        if (byEnum)
+            status = setEnum(*element, parser.value(QStringLiteral("enum")));
+        if (status == ExitOk && bySwitch)
+            status = setSwitch(*element, parser.value(QStringLiteral("switch")));
+        if (status == ExitOk && byVolume)
+            status = setVolume(*element, parser.value(QStringLiteral("volume")));
+        if (status == ExitOk && byDb)
+            status = setDb(*element, parser.value(QStringLiteral("db")));
+        if (status == ExitOk)
+            printOut(describe(*element));
         return status;
+    }
 
-    QEventLoop loop;
-    SignalWatcher signalWatcher;
-    QObject::connect(&signalWatcher, &SignalWatcher::stopSignalled, &loop, [&loop] { loop.exit(ExitOk); });
-    int changes = 0;
-    for (const AlsaMixerElementPtr& element : qAsConst(elements)) {
-        printOut(describe(*element));
-        AlsaMixerElement* raw = element.data();
-        QObject::connect(raw, &AlsaMixerElement::changed, &loop, [this, raw, &loop, &changes, count] {
-            if (changes == count)
-                return; // the loop is ending; a closing mixer signals every element at once
-            // A mixer that closed itself (its server went away) never reports again.
-            if (!m_card->isOpen()) {
-                changes = count;
-                fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()), ExitFailed);
-                loop.exit(ExitFailed);
-                return;
-            }
-            printOut(QStringLiteral("changed ") + describe(*raw));
-            if (++changes == count)
+    // The side to change: the one asked for, else playback when the element
+    // has the control there, else capture; reports an element without it.
+    int chooseSide(const QString& control, AlsaMixerElement& element, AlsaElementMode* mode)
+    {
+        long min = 0, max = 0;
+        const QVector<AlsaElementMode> sides = m_playbackAsked ? QVector<AlsaElementMode>{Playback}
+            : m_captureAsked ? QVector<AlsaElementMode>{Capture} : QVector<AlsaElementMode>{Playback, Capture};
+        for (AlsaElementMode side : sides) {
+            *mode = side;
+            if (control == QLatin1String("switch") ? element.hasSwitch(side) : element.getVolumeRange(&min, &max, side))
+                return ExitOk;
+        }
+        const QString asked = m_playbackAsked ? QStringLiteral("playback ") : m_captureAsked ? QStringLiteral("capture ") : QString();
+        return fail(Command, QStringLiteral("'%1' has no %2%3").arg(element.name(), asked, control), ExitFailed);
+    }
+
+    int setVolume(AlsaMixerElement& element, const QString& value)
+    {
+        AlsaElementMode mode = Playback;
+        long min = 0, max = 0;
+        if (chooseSide(QStringLiteral("volume"), element, &mode) != ExitOk)
+            return ExitFailed;
+        element.getVolumeRange(&min, &max, mode);
+        const bool percent = value.endsWith(QLatin1Char('%'));
+        bool ok = false;
+        const double number = (percent ? value.chopped(1) : value).toDouble(&ok);
+        if (!ok || (!percent && number != std::floor(number)))
+            return fail(Command, QStringLiteral("--volume takes a whole number or a percentage, not '%1'").arg(value), ExitUsage);
+        // In double, then converted once in range: long may have 32 bits.
+        const double target = percent ? min + std::round(number * (double(max) - min) / 100.0) : number;
+        if (!(target >= min && target <= max) || (percent && (number < 0 || number > 100)))
+            return fail(Command, QStringLiteral("volume %1 is out of range %2..%3 for '%4'").arg(value).arg(min).arg(max).arg(element.name()),
+                        ExitFailed);
+        if (!element.setVolume(static_cast<long>(target), mode))
+            return fail(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()) + because(element.errorString()), ExitFailed);
+        return ExitOk;
+    }
+
+    int setDb(AlsaMixerElement& element, const QString& value)
+    {
+        bool ok = false;
+        const double dB = value.toDouble(&ok);
+        if (!ok || !std::isfinite(dB))
+            return fail(Command, QStringLiteral("--db takes a number, not '%1'").arg(value), ExitUsage);
+        AlsaElementMode mode = Playback;
+        if (chooseSide(QStringLiteral("volume"), element, &mode) != ExitOk)
+            return ExitFailed;
+        if (!element.hasDB(mode))
+            return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
+        if (!element.setDB(dB, mode))
+            return fail(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value) + because(element.errorString()), ExitFailed);
+        return ExitOk;
+    }
+
+    int setSwitch(AlsaMixerElement& element, const QString& value)
+    {
+        const QString state = value.toLower();
+        if (state != QLatin1String("on") && state != QLatin1String("off"))
+            return fail(Command, QStringLiteral("--switch takes on or off, not '%1'").arg(value), ExitUsage);
+        AlsaElementMode mode = Playback;
+        if (chooseSide(QStringLiteral("switch"), element, &mode) != ExitOk)
+            return ExitFailed;
+        if (!element.setSwitch(state == QLatin1String("on"), mode))
+            return fail(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state) + because(element.errorString()), ExitFailed);
+        return ExitOk;
+    }
+
+    // Items are matched like element names: exact, else the first that contains
+    // the text, ignoring case; a number selects by position.
+    int setEnum(AlsaMixerElement& element, const QString& item)
+    {
+        if (!element.isEnumerated())
+            return fail(Command, QStringLiteral("'%1' is not an enumeration").arg(element.name()), ExitFailed);
+        const QStringList items = enumItems(element);
+        bool isNumber = false;
+        int index = item.toInt(&isNumber);
+        if (!isNumber) {
+            index = items.indexOf(QRegularExpression(QRegularExpression::escape(item), QRegularExpression::CaseInsensitiveOption));
+            for (int i = 0; i < items.size() && index < 0; ++i)
+                index = items[i].contains(item, Qt::CaseInsensitive) ? i : -1;
+        }
+        if (index < 0 || index >= items.size())
+            return fail(Command, QStringLiteral("'%1' has no item '%2' (items: %3)").arg(element.name(), item, items.join(QStringLiteral(", "))),
+                        ExitFailed);
+        if (!element.setEnum(static_cast<unsigned int>(index)))
+            return fail(Command, QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()) + because(element.errorString()), ExitFailed);
+        return ExitOk;
+    }
+
+    int watch(const QList<AlsaMixerElementPtr>& elements, int count)
+    {
+        QEventLoop loop;
+        watchSignals();
+        QTimer stopPoll;
+        QObject::connect(&stopPoll, &QTimer::timeout, &loop, [&loop] {
+            if (stopRequested())
                 loop.exit(ExitOk);
         });
+        stopPoll.start(StopPollMs);
+        int changes = 0;
+        for (const AlsaMixerElementPtr& element : qAsConst(elements)) {
+            printOut(describe(*element));
+            AlsaMixerElement* raw = element.data();
+            QObject::connect(raw, &AlsaMixerElement::changed, &loop, [this, raw, &loop, &changes, count] {
+                if (changes == count)
+                    return; // the loop is ending; a closing mixer signals every element at once
+                // A mixer that closed itself (its server went away) never reports again.
+                if (!m_card->isOpen()) {
+                    changes = count;
+                    fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()), ExitFailed);
+                    loop.exit(ExitFailed);
+                    return;
+                }
+                printOut(QStringLiteral("changed ") + describe(*raw));
+                if (++changes == count)
+                    loop.exit(ExitOk);
+            });
+        }
+        return loop.exec();
     }
-    return loop.exec();
+
+    QString m_device;
+    bool m_playbackAsked = false;
+    bool m_captureAsked = false;
+    std::unique_ptr<AlsaCard> m_card;
+};
+
+} // namespace
+
+int runMixerCommand(const QStringList& arguments)
+{
+    return MixerCommand().run(arguments);
 }
 
 } // namespace quilaudio

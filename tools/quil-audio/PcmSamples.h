@@ -1,7 +1,7 @@
 #pragma once
 
 // Sample values of linear and floating-point PCM formats as numbers in
-// [-1, 1]: what the tone generator writes and the peak meter reads.
+// [-1, 1]: what the tone generator writes and the level meters read.
 
 #include <QByteArray>
 #include <QVector>
@@ -19,27 +19,20 @@ double decodeSample(const char* data, snd_pcm_format_t format);
 /// Stores value, clamped to [-1, 1], as one sample of format at data.
 void encodeSample(double value, snd_pcm_format_t format, char* data);
 
-/// Raises (*peaks)[c] to the largest magnitude of channel c in `bytes` of
-/// interleaved frames; *peaks is sized to the channel count. Does nothing for
+/// Raises (*peaks)[c] to the largest magnitude of channel c in the block's
+/// whole frames; *peaks is sized to the channel count. Does nothing more for
 /// formats without sample values.
-void accumulatePeaks(const char* data, qint64 bytes, snd_pcm_format_t format, int channels, QVector<double>* peaks);
+void accumulatePeaks(const QByteArray& block, snd_pcm_format_t format, int channels, QVector<double>* peaks);
+
+/// The index of the block's first frame with a sample whose magnitude is at
+/// or above level, or -1.
+int firstFrameAtOrAbove(const QByteArray& block, snd_pcm_format_t format, int channels, double level);
 
 /// A peak magnitude in dBFS ("-6.0", "-inf").
 QString dbfsText(double peak);
 
-/// A sine tone at -6 dBFS, the same on every channel, continuous across blocks.
-class ToneGenerator
-{
-public:
-    ToneGenerator(double frequencyHz, unsigned int rate, int channels, snd_pcm_format_t format);
-    QByteArray next(int frames);
-
-private:
-    double m_step;
-    double m_phase = 0;
-    int m_channels;
-    snd_pcm_format_t m_format;
-    int m_sampleBytes;
-};
+/// `frames` frames of a sine tone at -6 dBFS, the same on every channel,
+/// starting at frame `first` of the tone.
+QByteArray toneBlock(double frequencyHz, int rate, int channels, snd_pcm_format_t format, qint64 first, int frames);
 
 } // namespace quilaudio

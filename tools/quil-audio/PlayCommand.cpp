@@ -1,14 +1,20 @@
-#include "PlayCommand.h"
+#include "Commands.h"
 
+#include "AudioFile.h"
+#include "CommandLine.h"
 #include "PcmSamples.h"
+#include "ProgressLine.h"
+#include "Signals.h"
 
+#include "AlsaDevices.h"
 #include "AlsaOutputDevice.h"
 #include "FileOutputDevice.h"
 
-#include <QCommandLineParser>
 #include <QElapsedTimer>
 
 #include <algorithm>
+#include <cstdint>
+#include <memory>
 
 namespace quilaudio {
 
@@ -18,7 +24,7 @@ const QString Command = QStringLiteral("play");
 
 const char* const Usage =
     "Plays FILE, stdin (\"-\", the default) or a generated tone through an ALSA PCM (-D)\n"
-    "or into a raw file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
+    "or into a raw PCM file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
     "give rate, channels and format from their header, read in a format the device takes;\n"
     ".raw files, names without extension and stdin are raw PCM (interleaved frames).\n"
     "Xruns are recovered, counted and reported. On a terminal a progress line shows the\n"
@@ -27,24 +33,8 @@ const char* const Usage =
 
 // Frames per write for a file, which has no period.
 constexpr int FileBlockFrames = 1024;
-// With no period or buffer asked for, the ALSA utilities' choice: a 500 ms
-// buffer in four periods. Every period costs a wake-up and a transfer.
-constexpr int DefaultPeriodMs = 125;
-constexpr int DefaultBufferMs = 500;
-constexpr qint64 ProgressIntervalMs = 100;
 // How long a drain may take beyond the buffer's own length before we give up.
 constexpr unsigned int DrainSlackS = 5;
-
-// Both options of a pair set the same quantity; the later setter would win
-// silently, so asking for both is a mistake worth naming.
-bool exclusive(const QCommandLineParser& parser, const QString& a, const QString& b, QString* error)
-{
-    if (parser.isSet(a) && parser.isSet(b)) {
-        *error = QStringLiteral("--%1 and --%2 set the same thing; give one of them").arg(a, b);
-        return false;
-    }
-    return true;
-}
 
 QString formatText(snd_pcm_format_t format)
 {
@@ -52,357 +42,342 @@ QString formatText(snd_pcm_format_t format)
                                             : QString::fromLatin1(snd_pcm_format_name(format));
 }
 
-// The first of formats that the playback PCM takes, or SND_PCM_FORMAT_UNKNOWN.
-// A PCM that does not open gives the first, for the real open to report why.
-snd_pcm_format_t firstFormatTaken(const QString& device, const QVector<snd_pcm_format_t>& formats)
+/// `quil-audio play`: an audio file, raw PCM on stdin or a generated tone into
+/// an AlsaOutputDevice or a FileOutputDevice (raw), on the calling thread.
+class PlayCommand
 {
-    snd_pcm_t* opened = nullptr;
-    if (snd_pcm_open(&opened, device.toLocal8Bit().constData(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
-        return formats.first();
-    const std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> pcm(opened, snd_pcm_close);
-    snd_pcm_hw_params_t* params = nullptr;
-    snd_pcm_hw_params_alloca(&params);
-    if (snd_pcm_hw_params_any(pcm.get(), params) < 0)
-        return formats.first();
-    for (snd_pcm_format_t format : formats) {
-        if (snd_pcm_hw_params_test_format(pcm.get(), params, format) == 0)
-            return format;
+public:
+    int run(const QStringList& arguments)
+    {
+        QCommandLineParser parser;
+        addStreamOptions(parser, Usage, "Input file; \"-\" is stdin (raw).");
+        parser.addOptions({
+            {{QStringLiteral("o"), QStringLiteral("output-file")},
+             QStringLiteral("Write into this raw file instead of an ALSA device."), QStringLiteral("file")},
+            {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."), QStringLiteral("hz")},
+            {{QStringLiteral("F"), QStringLiteral("period-time")}, QStringLiteral("Period in microseconds (125000 with no -B)."),
+             QStringLiteral("us")},
+            {QStringLiteral("period-size"), QStringLiteral("Period in frames."), QStringLiteral("frames")},
+            {{QStringLiteral("B"), QStringLiteral("buffer-time")}, QStringLiteral("Buffer in microseconds (500000 with no -F)."),
+             QStringLiteral("us")},
+            {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
+            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."), QStringLiteral("frames")},
+            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."), QStringLiteral("us")},
+            {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
+            {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
+            {QStringLiteral("tstamp"), QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
+            {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
+        });
+        int status = ExitOk;
+        if (!parseCommandLine(parser, arguments, Command, &status,
+                              [&](QString* error) { return readOptions(parser, error); }))
+            return status;
+
+        watchSignals();
+        status = openSource();
+        if (status == ExitOk)
+            status = openDevice();
+        return status == ExitOk ? playUntilDone() : status;
     }
-    return SND_PCM_FORMAT_UNKNOWN;
-}
+
+private:
+    bool readOptions(const QCommandLineParser& parser, QString* error)
+    {
+        if (!readStreamOptions(parser, &m_stream, error) || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
+            return false;
+        if (!readFileArgument(parser, QStringLiteral("input"), &m_input, error))
+            return false;
+        m_outputFile = parser.value(QStringLiteral("output-file"));
+        m_drain = !parser.isSet(QStringLiteral("no-drain"));
+        if (parser.isSet(QStringLiteral("tone"))) {
+            if (!parser.positionalArguments().isEmpty())
+                return refuse(error, QStringLiteral("--tone replaces the input file; give one of them"));
+            if (!(m_toneHz > 0 && m_toneHz < m_stream.rate / 2.0))
+                return refuse(error, QStringLiteral("--tone must lie between 0 and half the rate (%1 Hz), not %2")
+                               .arg(m_stream.rate / 2.0).arg(parser.value(QStringLiteral("tone"))));
+            if (!hasSampleValues(m_stream.format))
+                return refuse(error, QStringLiteral("cannot generate a tone in this sample format"));
+            // A file never makes the writer wait: without an end the tone would fill the disk.
+            if (!m_outputFile.isEmpty() && m_stream.durationS < 0)
+                return refuse(error, QStringLiteral("--tone into a file needs --duration"));
+        }
+        AlsaSettings& alsa = m_alsaSettings;
+        alsa.nearRate = parser.isSet(QStringLiteral("near-rate"));
+        alsa.nearChannels = parser.isSet(QStringLiteral("near-channels"));
+        alsa.timestamps = parser.isSet(QStringLiteral("tstamp"));
+        constexpr qint64 MaxFrames = 1 << 24;
+        if (!parser.isSet(QStringLiteral("period-time")) && !parser.isSet(QStringLiteral("period-size"))
+            && !parser.isSet(QStringLiteral("buffer-time")) && !parser.isSet(QStringLiteral("buffer-size"))) {
+            alsa.periodMs = DefaultPeriodMs;
+            alsa.bufferMs = DefaultBufferMs;
+        }
+        return exclusive(parser, QStringLiteral("period-time"), QStringLiteral("period-size"), error)
+            && exclusive(parser, QStringLiteral("buffer-time"), QStringLiteral("buffer-size"), error)
+            && exclusive(parser, QStringLiteral("start-threshold"), QStringLiteral("start-threshold-time"), error)
+            && readMicrosecondsAsMs(parser, QStringLiteral("period-time"), &alsa.periodMs, error)
+            && readMicrosecondsAsMs(parser, QStringLiteral("buffer-time"), &alsa.bufferMs, error)
+            && readMicrosecondsAsMs(parser, QStringLiteral("start-threshold-time"), &alsa.startThresholdMs, error)
+            && readInt(parser, QStringLiteral("period-size"), 1, MaxFrames, &alsa.periodFrames, error)
+            && readInt(parser, QStringLiteral("buffer-size"), 1, MaxFrames, &alsa.bufferFrames, error)
+            && readInt(parser, QStringLiteral("start-threshold"), 1, MaxFrames, &alsa.startThresholdFrames, error);
+    }
+
+    int openSource()
+    {
+        if (m_toneHz > 0)
+            return ExitOk;
+        QString error;
+        if (!m_inputFile.openForReading(m_input, m_stream.fileType, {m_stream.rate, m_stream.channels, m_stream.format}))
+            return fail(Command, m_inputFile.errorString(), ExitFailed);
+        if (!m_inputFile.isRaw() && (!takeHeader(&error) || !chooseReadFormat(&error)))
+            return fail(Command, error, ExitFailed);
+        return ExitOk;
+    }
+
+    // The header decides; a command-line value that says otherwise is a mistake.
+    bool takeHeader(QString* error)
+    {
+        const AudioFile::Layout header = m_inputFile.layout();
+        const auto contradicts = [&](bool given, unsigned int asked, unsigned int held, const char* what) {
+            if (given && asked != held)
+                *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says").arg(m_input).arg(held)
+                             .arg(QLatin1String(what)).arg(asked);
+            return given && asked != held;
+        };
+        if (contradicts(m_stream.rateGiven, m_stream.rate, header.rate, "Hz")
+            || contradicts(m_stream.channelsGiven, m_stream.channels, header.channels, "channels"))
+            return false;
+        if (m_stream.formatGiven && m_stream.format != header.format)
+            return refuse(error, QStringLiteral("'%1' holds %2 samples, not %3 as the command line says")
+                           .arg(m_input, formatText(header.format), formatText(m_stream.format)));
+        m_stream.rate = header.rate;
+        m_stream.channels = header.channels;
+        return true;
+    }
+
+    // The file's own format if the device takes it and libsndfile hands it out
+    // as it is, else the first of libsndfile's conversions the device takes.
+    bool chooseReadFormat(QString* error)
+    {
+        const snd_pcm_format_t own = m_inputFile.layout().format;
+        QVector<snd_pcm_format_t> candidates = AudioFile::readableFormats();
+        if (candidates.removeOne(own))
+            candidates.prepend(own);
+        snd_pcm_format_t chosen = candidates.first();
+        // A PCM that does not open keeps the first, for the real open to say why.
+        const QVector<snd_pcm_format_t> taken = m_outputFile.isEmpty()
+            ? AlsaDevices::formats(m_stream.device, SND_PCM_STREAM_PLAYBACK) : QVector<snd_pcm_format_t>();
+        if (!taken.isEmpty()) {
+            const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
+            chosen = first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN : *first;
+        }
+        if (chosen == SND_PCM_FORMAT_UNKNOWN)
+            return refuse(error, QStringLiteral("'%1' takes none of the formats '%2' can be read as").arg(m_stream.device, m_input));
+        if (chosen != own)
+            printLine(QStringLiteral("quil-audio play: reading the %1 samples of '%2' as %3")
+                          .arg(formatText(own), m_input, formatText(chosen)));
+        m_inputFile.setReadFormat(chosen);
+        m_stream.format = chosen;
+        return true;
+    }
+
+    std::unique_ptr<AudioOutputDevice> createDevice()
+    {
+        if (!m_outputFile.isEmpty())
+            return std::make_unique<FileOutputDevice>(m_outputFile, m_stream.rate, m_stream.channels, m_stream.format);
+        const AlsaSettings& s = m_alsaSettings;
+        auto device = std::make_unique<AlsaOutputDevice>(m_stream.device, m_stream.rate, m_stream.channels,
+                                                         m_stream.format, s.periodMs, s.bufferMs);
+        if (s.periodFrames > 0)
+            device->setPeriodSize(s.periodFrames);
+        if (s.bufferFrames > 0)
+            device->setBufferSize(s.bufferFrames);
+        if (s.startThresholdMs > 0)
+            device->setStartThresholdMs(s.startThresholdMs);
+        if (s.startThresholdFrames > 0)
+            device->setStartThreshold(s.startThresholdFrames);
+        if (s.nearRate)
+            device->enableSamplerateNear();
+        if (s.nearChannels)
+            device->enableChannelsNear();
+        if (s.timestamps)
+            device->enableTstamp();
+        m_alsa = device.get();
+        return device;
+    }
+
+    int openDevice()
+    {
+        m_device = createDevice();
+        if (!m_device->open()) {
+            const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
+                                         : QStringLiteral("'%1'").arg(m_outputFile);
+            const QString why = m_device->errorString();
+            return fail(Command, QStringLiteral("cannot open ") + where + (why.isEmpty() ? QString() : QStringLiteral(": ") + why), ExitFailed);
+        }
+        if (!m_alsa)
+            return ExitOk;
+        m_blockFrames = m_alsa->periodSize() > 0 ? static_cast<int>(m_alsa->periodSize()) : FileBlockFrames;
+        if (static_cast<unsigned int>(m_alsa->sampleRate()) != m_stream.rate
+            || static_cast<unsigned int>(m_alsa->channelCount()) != m_stream.channels) {
+            printLine(QStringLiteral("quil-audio play: '%1' runs at %2 Hz with %3 channels (asked for %4 Hz, %5)")
+                          .arg(m_stream.device).arg(m_alsa->sampleRate()).arg(m_alsa->channelCount())
+                          .arg(m_stream.rate).arg(m_stream.channels));
+        }
+        return ExitOk;
+    }
+
+    int playUntilDone()
+    {
+        qint64 framesLeft = m_stream.durationFrames();
+        const int deviceFrameBytes = m_device->bytesPerSample() * m_device->channelCount();
+        QElapsedTimer sinceProgress;
+        sinceProgress.start();
+        bool interrupted = false;
+        QString error;
+        while (framesLeft != 0 && error.isEmpty()) {
+            if (stopRequested()) {
+                interrupted = true;
+                break;
+            }
+            const int frames = framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
+            QByteArray block;
+            if (!nextBlock(frames, &block, &error) || block.isEmpty())
+                break;
+            const AudioOutputDevice::WriteResult result = m_device->write(block);
+            if (result == AudioOutputDevice::DeviceClosed) {
+                interrupted = stopRequested();
+                if (!interrupted)
+                    error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, m_device->errorString());
+                break;
+            }
+            m_xruns += result == AudioOutputDevice::XrunRecovered ? 1 : 0;
+            const qint64 written = deviceFrameBytes > 0 ? block.size() / deviceFrameBytes : 0;
+            m_framesPlayed += written;
+            framesLeft = framesLeft < 0 ? -1 : framesLeft - written;
+            if (m_progress.isShown() && sinceProgress.elapsed() >= ProgressIntervalMs) {
+                showProgress();
+                sinceProgress.restart();
+            }
+        }
+        m_progress.finish();
+        updateDelay();
+        closeDevice(interrupted || !error.isEmpty());
+        if (!error.isEmpty())
+            return fail(Command, error, ExitFailed);
+        printLine(summary());
+        return ExitOk;
+    }
+
+    // The next block in the device's layout; empty at the end of the input.
+    bool nextBlock(int frames, QByteArray* block, QString* error)
+    {
+        if (m_toneHz > 0) {
+            *block = toneBlock(m_toneHz, m_device->sampleRate(), m_device->channelCount(), m_stream.format, m_framesPlayed, frames);
+            return true;
+        }
+        if (!m_inputFile.read(frames, block))
+            return refuse(error, m_inputFile.errorString());
+        *block = matchDeviceChannels(*block);
+        return true;
+    }
+
+    // With --near-channels the device may run with another channel count than
+    // the input has: extra device channels repeat the input's last channel,
+    // input channels the device lacks are dropped.
+    QByteArray matchDeviceChannels(const QByteArray& frames) const
+    {
+        const int inChannels = static_cast<int>(m_stream.channels);
+        const int outChannels = m_device->channelCount();
+        if (outChannels == inChannels || outChannels <= 0)
+            return frames;
+        const int sampleBytes = m_device->bytesPerSample();
+        const int count = frames.size() / (sampleBytes * inChannels);
+        QByteArray out(count * outChannels * sampleBytes, Qt::Uninitialized);
+        for (int frame = 0; frame < count; ++frame) {
+            for (int channel = 0; channel < outChannels; ++channel) {
+                const int from = (frame * inChannels + qMin(channel, inChannels - 1)) * sampleBytes;
+                std::copy_n(frames.constData() + from, sampleBytes, out.data() + (frame * outChannels + channel) * sampleBytes);
+            }
+        }
+        return out;
+    }
+
+    void updateDelay()
+    {
+        if (m_alsa)
+            m_delayFrames = m_alsa->delay(&m_delayAgeUs);
+    }
+
+    // "480 frames (10.0 ms)"; with timestamps, and asked for, the status's age too.
+    QString delayText(bool withAge) const
+    {
+        const QString age = withAge && m_alsaSettings.timestamps
+            ? QStringLiteral(", status %1 ms old").arg(m_delayAgeUs / 1000.0, 0, 'f', 1) : QString();
+        return QStringLiteral("%1 frames (%2 ms%3)").arg(m_delayFrames)
+            .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1).arg(age);
+    }
+
+    void showProgress()
+    {
+        updateDelay();
+        QString text = QStringLiteral("playing %1").arg(secondsText(m_framesPlayed, m_device->sampleRate()));
+        if (m_alsa && m_delayFrames >= 0)
+            text += QStringLiteral("  delay ") + delayText(true);
+        m_progress.show(text + QStringLiteral("  xruns %1").arg(m_xruns));
+    }
+
+    void closeDevice(bool interrupted)
+    {
+        if (m_alsa && m_drain && !interrupted) {
+            armStopWatchdog(DrainSlackS + m_alsa->bufferTimeMs() / 1000);
+            m_device->close(AudioOutputDevice::Drain);
+            armStopWatchdog(0);
+            return;
+        }
+        m_device->close(AudioOutputDevice::Immediate);
+    }
+
+    QString summary() const
+    {
+        const QString played = QStringLiteral("played %1 frames (%2)")
+                                   .arg(m_framesPlayed).arg(secondsText(m_framesPlayed, m_device->sampleRate()));
+        if (!m_alsa)
+            return played + QStringLiteral(" into '%1'").arg(m_outputFile);
+        const QString delay = m_delayFrames < 0 ? QStringLiteral("unknown") : delayText(false);
+        return played + QStringLiteral(" to '%1': xruns %2, delay %3").arg(m_stream.device).arg(m_xruns).arg(delay);
+    }
+
+    // What the command line asks of an ALSA device; -1: left to ALSA.
+    struct AlsaSettings
+    {
+        int periodMs = -1, periodFrames = -1, bufferMs = -1, bufferFrames = -1;
+        int startThresholdMs = -1, startThresholdFrames = -1;
+        bool nearRate = false, nearChannels = false, timestamps = false;
+    };
+
+
+    StreamOptions m_stream;
+    AlsaSettings m_alsaSettings;
+    QString m_input, m_outputFile;
+    double m_toneHz = 0;
+    bool m_drain = true;
+    std::unique_ptr<AudioOutputDevice> m_device;
+    AlsaOutputDevice* m_alsa = nullptr;
+    AudioFile m_inputFile;
+    int m_blockFrames = 1024;
+    qint64 m_framesPlayed = 0;
+    int m_xruns = 0;
+    int m_delayFrames = -1;   // and its age, from the last delay() asked
+    int64_t m_delayAgeUs = 0;
+    ProgressLine m_progress;
+};
 
 } // namespace
 
-PlayCommand::PlayCommand() = default;
-
-PlayCommand::~PlayCommand() = default;
-
-int PlayCommand::run(const QStringList& arguments)
+int runPlayCommand(const QStringList& arguments)
 {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QString::fromLatin1(Usage));
-    addStreamOptions(parser);
-    parser.addOptions({
-        {{QStringLiteral("o"), QStringLiteral("output-file")},
-         QStringLiteral("Write into this raw file instead of an ALSA device."), QStringLiteral("file")},
-        {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."), QStringLiteral("hz")},
-        {{QStringLiteral("F"), QStringLiteral("period-time")}, QStringLiteral("Period in microseconds (125000 with no -B)."),
-         QStringLiteral("us")},
-        {QStringLiteral("period-size"), QStringLiteral("Period in frames."), QStringLiteral("frames")},
-        {{QStringLiteral("B"), QStringLiteral("buffer-time")}, QStringLiteral("Buffer in microseconds (500000 with no -F)."),
-         QStringLiteral("us")},
-        {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
-        {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
-         QStringLiteral("frames")},
-        {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."),
-         QStringLiteral("us")},
-        {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
-        {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
-        {QStringLiteral("tstamp"), QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
-        {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
-    });
-    parser.addPositionalArgument(QStringLiteral("file"), QStringLiteral("Input file; \"-\" is stdin (raw)."),
-                                 QStringLiteral("[file]"));
-    int status = ExitOk;
-    if (!parseCommandLine(parser, arguments, Command, &status,
-                          [&](QString* error) { return readOptions(parser, error); }))
-        return status;
-
-    SignalWatcher signalWatcher;
-    status = openSource();
-    if (status == ExitOk)
-        status = openDevice();
-    return status == ExitOk ? playUntilDone() : status;
-}
-
-bool PlayCommand::readOptions(const QCommandLineParser& parser, QString* error)
-{
-    if (!readStreamOptions(parser, &m_stream, error) || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
-        return false;
-    const QStringList positional = parser.positionalArguments();
-    if (positional.size() > 1) {
-        *error = QStringLiteral("one input file at most, got: ") + positional.join(QLatin1Char(' '));
-        return false;
-    }
-    m_input = positional.value(0, QStringLiteral("-"));
-    m_outputFile = parser.value(QStringLiteral("output-file"));
-    m_drain = !parser.isSet(QStringLiteral("no-drain"));
-    if (parser.isSet(QStringLiteral("tone"))) {
-        if (!positional.isEmpty()) {
-            *error = QStringLiteral("--tone replaces the input file; give one of them");
-            return false;
-        }
-        if (!(m_toneHz > 0 && m_toneHz < m_stream.rate / 2.0)) {
-            *error = QStringLiteral("--tone must lie between 0 and half the rate (%1 Hz), not %2")
-                         .arg(m_stream.rate / 2.0).arg(parser.value(QStringLiteral("tone")));
-            return false;
-        }
-        if (!hasSampleValues(m_stream.format)) {
-            *error = QStringLiteral("cannot generate a tone in this sample format");
-            return false;
-        }
-        // A file never makes the writer wait: without an end the tone would fill the disk.
-        if (!m_outputFile.isEmpty() && m_stream.durationS < 0) {
-            *error = QStringLiteral("--tone into a file needs --duration");
-            return false;
-        }
-    }
-    AlsaSettings& alsa = m_alsaSettings;
-    alsa.nearRate = parser.isSet(QStringLiteral("near-rate"));
-    alsa.nearChannels = parser.isSet(QStringLiteral("near-channels"));
-    alsa.timestamps = parser.isSet(QStringLiteral("tstamp"));
-    constexpr qint64 MaxFrames = 1 << 24;
-    if (!parser.isSet(QStringLiteral("period-time")) && !parser.isSet(QStringLiteral("period-size"))
-        && !parser.isSet(QStringLiteral("buffer-time")) && !parser.isSet(QStringLiteral("buffer-size"))) {
-        alsa.periodMs = DefaultPeriodMs;
-        alsa.bufferMs = DefaultBufferMs;
-    }
-    return exclusive(parser, QStringLiteral("period-time"), QStringLiteral("period-size"), error)
-        && exclusive(parser, QStringLiteral("buffer-time"), QStringLiteral("buffer-size"), error)
-        && exclusive(parser, QStringLiteral("start-threshold"), QStringLiteral("start-threshold-time"), error)
-        && readMicrosecondsAsMs(parser, QStringLiteral("period-time"), &alsa.periodMs, error)
-        && readMicrosecondsAsMs(parser, QStringLiteral("buffer-time"), &alsa.bufferMs, error)
-        && readMicrosecondsAsMs(parser, QStringLiteral("start-threshold-time"), &alsa.startThresholdMs, error)
-        && readInt(parser, QStringLiteral("period-size"), 1, MaxFrames, &alsa.periodFrames, error)
-        && readInt(parser, QStringLiteral("buffer-size"), 1, MaxFrames, &alsa.bufferFrames, error)
-        && readInt(parser, QStringLiteral("start-threshold"), 1, MaxFrames, &alsa.startThresholdFrames, error);
-}
-
-int PlayCommand::openSource()
-{
-    if (m_toneHz > 0)
-        return ExitOk;
-    QString error;
-    if (!m_inputFile.setType(m_input, m_stream.fileType, &error))
-        return fail(Command, error, ExitFailed);
-    if (!m_inputFile.openForReading(m_input, {m_stream.rate, m_stream.channels, m_stream.format}))
-        return fail(Command, m_inputFile.errorString(), ExitFailed);
-    if (!m_inputFile.isRaw() && (!takeHeader(&error) || !chooseReadFormat(&error)))
-        return fail(Command, error, ExitFailed);
-    return ExitOk;
-}
-
-// The header decides; a command-line value that says otherwise is a mistake.
-bool PlayCommand::takeHeader(QString* error)
-{
-    const AudioFile::Layout header = m_inputFile.layout();
-    const auto contradicts = [&](bool given, unsigned int asked, unsigned int held, const char* what) {
-        if (given && asked != held)
-            *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says").arg(m_input).arg(held)
-                         .arg(QLatin1String(what)).arg(asked);
-        return given && asked != held;
-    };
-    if (contradicts(m_stream.rateGiven, m_stream.rate, header.rate, "Hz")
-        || contradicts(m_stream.channelsGiven, m_stream.channels, header.channels, "channels"))
-        return false;
-    if (m_stream.formatGiven && m_stream.format != header.format) {
-        *error = QStringLiteral("'%1' holds %2 samples, not %3 as the command line says")
-                     .arg(m_input, formatText(header.format), formatText(m_stream.format));
-        return false;
-    }
-    m_stream.rate = header.rate;
-    m_stream.channels = header.channels;
-    return true;
-}
-
-// The file's own format if the device takes it and libsndfile hands it out
-// as it is, else the first of libsndfile's conversions the device takes.
-bool PlayCommand::chooseReadFormat(QString* error)
-{
-    const snd_pcm_format_t own = m_inputFile.layout().format;
-    QVector<snd_pcm_format_t> candidates = AudioFile::readableFormats();
-    if (candidates.removeOne(own))
-        candidates.prepend(own);
-    const snd_pcm_format_t chosen = m_outputFile.isEmpty() ? firstFormatTaken(m_stream.device, candidates)
-                                                           : candidates.first();
-    if (chosen == SND_PCM_FORMAT_UNKNOWN) {
-        *error = QStringLiteral("'%1' takes none of the formats '%2' can be read as").arg(m_stream.device, m_input);
-        return false;
-    }
-    if (chosen != own)
-        printLine(QStringLiteral("quil-audio play: reading the %1 samples of '%2' as %3")
-                      .arg(formatText(own), m_input, formatText(chosen)));
-    m_inputFile.setReadFormat(chosen);
-    m_stream.format = chosen;
-    return true;
-}
-
-std::unique_ptr<AudioOutputDevice> PlayCommand::createDevice()
-{
-    if (!m_outputFile.isEmpty())
-        return std::make_unique<FileOutputDevice>(m_outputFile, m_stream.rate, m_stream.channels, m_stream.format);
-    const AlsaSettings& s = m_alsaSettings;
-    auto device = std::make_unique<AlsaOutputDevice>(m_stream.device, m_stream.rate, m_stream.channels,
-                                                     m_stream.format, s.periodMs, s.bufferMs);
-    if (s.periodFrames > 0)
-        device->setPeriodSize(s.periodFrames);
-    if (s.bufferFrames > 0)
-        device->setBufferSize(s.bufferFrames);
-    if (s.startThresholdMs > 0)
-        device->setStartThresholdMs(s.startThresholdMs);
-    if (s.startThresholdFrames > 0)
-        device->setStartThreshold(s.startThresholdFrames);
-    if (s.nearRate)
-        device->enableSamplerateNear();
-    if (s.nearChannels)
-        device->enableChannelsNear();
-    if (s.timestamps)
-        device->enableTstamp();
-    m_alsa = device.get();
-    return device;
-}
-
-int PlayCommand::openDevice()
-{
-    m_device = createDevice();
-    if (!m_device->open()) {
-        const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
-                                     : QStringLiteral("'%1'").arg(m_outputFile);
-        const QString why = m_device->errorString();
-        return fail(Command, QStringLiteral("cannot open ") + where + (why.isEmpty() ? QString() : QStringLiteral(": ") + why),
-                    ExitFailed);
-    }
-    if (m_toneHz > 0)
-        m_tone = std::make_unique<ToneGenerator>(m_toneHz, m_device->sampleRate(), m_device->channelCount(),
-                                                 m_stream.format);
-    if (!m_alsa)
-        return ExitOk;
-    m_blockFrames = m_alsa->periodSize() > 0 ? static_cast<int>(m_alsa->periodSize()) : FileBlockFrames;
-    if (static_cast<unsigned int>(m_alsa->sampleRate()) != m_stream.rate
-        || static_cast<unsigned int>(m_alsa->channelCount()) != m_stream.channels) {
-        printLine(QStringLiteral("quil-audio play: '%1' runs at %2 Hz with %3 channels (asked for %4 Hz, %5)")
-                      .arg(m_stream.device).arg(m_alsa->sampleRate()).arg(m_alsa->channelCount())
-                      .arg(m_stream.rate).arg(m_stream.channels));
-    }
-    return ExitOk;
-}
-
-int PlayCommand::playUntilDone()
-{
-    qint64 framesLeft = m_stream.durationFrames();
-    const int deviceFrameBytes = m_device->bytesPerSample() * m_device->channelCount();
-    QElapsedTimer sinceProgress;
-    sinceProgress.start();
-    bool interrupted = false;
-    QString error;
-    while (framesLeft != 0 && error.isEmpty()) {
-        if (SignalWatcher::stopRequested()) {
-            interrupted = true;
-            break;
-        }
-        const int frames = framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
-        QByteArray block;
-        if (!nextBlock(frames, &block, &error) || block.isEmpty())
-            break;
-        const AudioOutputDevice::WriteResult result = m_device->write(block);
-        if (result == AudioOutputDevice::DeviceClosed) {
-            interrupted = SignalWatcher::stopRequested();
-            if (!interrupted)
-                error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, m_device->errorString());
-            break;
-        }
-        m_xruns += result == AudioOutputDevice::XrunRecovered ? 1 : 0;
-        const qint64 written = deviceFrameBytes > 0 ? block.size() / deviceFrameBytes : 0;
-        m_framesPlayed += written;
-        framesLeft = framesLeft < 0 ? -1 : framesLeft - written;
-        if (m_progress.isShown() && sinceProgress.elapsed() >= ProgressIntervalMs) {
-            showProgress();
-            sinceProgress.restart();
-        }
-    }
-    m_progress.finish();
-    updateDelay();
-    closeDevice(interrupted || !error.isEmpty());
-    if (!error.isEmpty())
-        return fail(Command, error, ExitFailed);
-    printLine(summary());
-    return ExitOk;
-}
-
-// The next block in the device's layout; empty at the end of the input.
-bool PlayCommand::nextBlock(int frames, QByteArray* block, QString* error)
-{
-    if (m_tone) {
-        *block = m_tone->next(frames);
-        return true;
-    }
-    const int inputFrameBytes = m_stream.frameBytes();
-    // A view into the file's chunk: the device is done with it when write() returns.
-    QByteArray input;
-    if (!m_inputFile.readBlock(qint64(frames) * inputFrameBytes, &input)) {
-        *error = m_inputFile.errorString();
-        return false;
-    }
-    // A trailing partial frame at the end of the input is not played.
-    if (input.size() % inputFrameBytes != 0)
-        input = QByteArray::fromRawData(input.constData(), input.size() - input.size() % inputFrameBytes);
-    *block = matchDeviceChannels(input);
-    return true;
-}
-
-// With --near-channels the device may run with another channel count than
-// the input has: extra device channels repeat the input's last channel,
-// input channels the device lacks are dropped.
-QByteArray PlayCommand::matchDeviceChannels(const QByteArray& frames) const
-{
-    const int inChannels = static_cast<int>(m_stream.channels);
-    const int outChannels = m_device->channelCount();
-    if (outChannels == inChannels || outChannels <= 0)
-        return frames;
-    const int sampleBytes = m_device->bytesPerSample();
-    const int count = frames.size() / (sampleBytes * inChannels);
-    QByteArray out(count * outChannels * sampleBytes, Qt::Uninitialized);
-    for (int frame = 0; frame < count; ++frame) {
-        for (int channel = 0; channel < outChannels; ++channel) {
-            const int from = (frame * inChannels + qMin(channel, inChannels - 1)) * sampleBytes;
-            std::copy_n(frames.constData() + from, sampleBytes, out.data() + (frame * outChannels + channel) * sampleBytes);
-        }
-    }
-    return out;
-}
-
-void PlayCommand::updateDelay()
-{
-    if (m_alsa)
-        m_delayFrames = m_alsa->delay(&m_delayAgeUs);
-}
-
-void PlayCommand::showProgress()
-{
-    updateDelay();
-    QString text = QStringLiteral("playing %1").arg(secondsText(m_framesPlayed, m_device->sampleRate()));
-    if (m_alsa && m_delayFrames >= 0) {
-        text += QStringLiteral("  delay %1 frames (%2 ms").arg(m_delayFrames)
-                    .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1);
-        if (m_alsaSettings.timestamps)
-            text += QStringLiteral(", status %1 ms old").arg(m_delayAgeUs / 1000.0, 0, 'f', 1);
-        text += QLatin1Char(')');
-    }
-    m_progress.show(text + QStringLiteral("  xruns %1").arg(m_xruns));
-}
-
-void PlayCommand::closeDevice(bool interrupted)
-{
-    if (m_alsa && m_drain && !interrupted) {
-        armStopWatchdog(DrainSlackS + m_alsa->bufferTimeMs() / 1000);
-        m_device->close(AudioOutputDevice::Drain);
-        armStopWatchdog(0);
-        return;
-    }
-    m_device->close(AudioOutputDevice::Immediate);
-}
-
-QString PlayCommand::summary() const
-{
-    const QString played = QStringLiteral("played %1 frames (%2)")
-                               .arg(m_framesPlayed).arg(secondsText(m_framesPlayed, m_device->sampleRate()));
-    if (!m_alsa)
-        return played + QStringLiteral(" into '%1'").arg(m_outputFile);
-    const QString delay = m_delayFrames < 0
-        ? QStringLiteral("unknown")
-        : QStringLiteral("%1 frames (%2 ms)").arg(m_delayFrames)
-              .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1);
-    return played + QStringLiteral(" to '%1': xruns %2, delay %3").arg(m_stream.device).arg(m_xruns).arg(delay);
+    return PlayCommand().run(arguments);
 }
 
 } // namespace quilaudio

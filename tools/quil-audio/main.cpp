@@ -1,14 +1,12 @@
 // quil-audio: the library's own command-line client, for bringing audio up on
-// a board before its host program exists. Each subcommand is one class.
+// a board before its host program exists. Each subcommand is one source file.
 
-#include "CommandSupport.h"
-#include "DevicesCommand.h"
-#include "MixerCommand.h"
-#include "PlayCommand.h"
-#include "RecordCommand.h"
+#include "CommandLine.h"
+#include "Commands.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QMap>
 
 #include <log4cplus/initializer.h>
 
@@ -19,8 +17,8 @@ namespace {
 const char* const Usage =
     "Captures, plays and controls audio through libquil_audio.\n"
     "Commands (each has --help):\n"
-    "  record   capture from an ALSA PCM or a raw file into a raw file or stdout\n"
-    "  play     play raw PCM or a tone to an ALSA PCM or a raw file\n"
+    "  record   capture from an ALSA PCM or a raw file into an audio file or stdout\n"
+    "  play     play an audio file, raw PCM on stdin or a tone to an ALSA PCM or a raw file\n"
     "  mixer    list, get, set and watch mixer elements\n"
     "  devices  list the PCMs and the sound cards with their mixer elements";
 
@@ -59,14 +57,11 @@ int main(int argc, char** argv)
 
     const QString command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
-    if (command == QLatin1String("record"))
-        return quilaudio::RecordCommand().run(arguments);
-    if (command == QLatin1String("play"))
-        return quilaudio::PlayCommand().run(arguments);
-    if (command == QLatin1String("mixer"))
-        return quilaudio::MixerCommand().run(arguments);
-    if (command == QLatin1String("devices"))
-        return quilaudio::DevicesCommand().run(arguments);
+    const QMap<QString, int (*)(const QStringList&)> commands{{QStringLiteral("record"), quilaudio::runRecordCommand},
+        {QStringLiteral("play"), quilaudio::runPlayCommand}, {QStringLiteral("mixer"), quilaudio::runMixerCommand},
+        {QStringLiteral("devices"), quilaudio::runDevicesCommand}};
+    if (commands.contains(command))
+        return commands[command](arguments);
     std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play, mixer or devices)\n", qPrintable(command));
     return quilaudio::ExitUsage;
 }

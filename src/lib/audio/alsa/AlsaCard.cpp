@@ -2,6 +2,8 @@
 
 #include "AudioLog_p.h"
 
+#include <QStringList>
+
 QUIL_AUDIO_DEFINE_LOGGER();
 
 const char* const AlsaCard::DefaultName = "default";
@@ -41,6 +43,15 @@ bool AlsaCard::isOpen() const
 QString AlsaCard::name() const
 {
     return m_name;
+}
+
+QList<QString> AlsaCard::elementNames() const
+{
+    if (!isOpen())
+        return {};
+    QStringList names = m_handle->buildElementList();
+    names.removeDuplicates();
+    return names;
 }
 
 // A card's own failure comes first; without one, a mixer that closed itself

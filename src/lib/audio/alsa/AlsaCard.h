@@ -47,6 +47,9 @@ public:
     bool isOpen() const;
     /// The ALSA mixer device name.
     QString name() const;
+    /// The names of the mixer's active simple elements, in mixer order, each
+    /// once (see AlsaMixerHandle::buildElementList()); empty while closed.
+    QList<QString> elementNames() const;
 
     /// The shared element whose full name best matches `name` (see
     /// AlsaMixerHandle::guessElementName()), or null after logging why.

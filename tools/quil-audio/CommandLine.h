@@ -1,11 +1,10 @@
 #pragma once
 
-// What the subcommands of quil-audio share: the command-line options spelled
-// as the common ALSA utilities spell them, the one-line failure report, the
-// routing of the library's log, signals, and the progress line.
+// The command line as every subcommand of quil-audio reads it: options
+// spelled as the common ALSA utilities spell them, exit statuses, and the
+// one-line reports on stdout and stderr.
 
 #include <QCommandLineParser>
-#include <QObject>
 #include <QString>
 #include <QStringList>
 
@@ -13,8 +12,6 @@
 
 #include <cstdio>
 #include <functional>
-
-class QSocketNotifier;
 
 namespace quilaudio {
 
@@ -26,12 +23,20 @@ enum ExitStatus {
     ExitUsage = 2     ///< the command line itself is wrong
 };
 
+/// Periods and buffer as the ALSA utilities choose them, a 500 ms buffer in
+/// four periods: every period costs a wake-up and a device transfer, and
+/// neither a recording nor a playback here needs lower latency.
+constexpr int DefaultPeriodMs = 125;
+constexpr int DefaultBufferMs = 500;
+
+/// Sets *error to message and returns false: how an option check fails.
+bool refuse(QString* error, const QString& message);
 /// Prints "quil-audio <command>: <message>" as one line on stderr and returns status.
 int fail(const QString& command, const QString& message, int status);
-
-/// Prints one line on stderr (summaries, notices).
+/// One line on stderr (summaries, notices).
 void printLine(const QString& line);
-
+/// One line on stdout, flushed: a watcher's lines must reach a pipe as they happen.
+void printOut(const QString& line);
 /// Prints the parser's help with `program` ("quil-audio play") in its usage line.
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream);
 
@@ -59,21 +64,23 @@ struct StreamOptions
     bool channelsGiven = false;
     bool formatGiven = false;
 
-    /// Bytes per frame as the library counts them (bit width / 8 per sample).
-    int frameBytes() const;
     /// Frames in durationS, rounded; -1 without a duration.
     qint64 durationFrames() const;
 };
 
-void addStreamOptions(QCommandLineParser& parser);
+/// Describes a PCM command (`usage`) and adds the options of StreamOptions
+/// and its file argument, described by `fileHelp`.
+void addStreamOptions(QCommandLineParser& parser, const char* usage, const char* fileHelp);
 /// False with a message naming the offending option and value.
 bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options, QString* error);
 
-/// An ALSA format name such as S16_LE (case-insensitive). False with a
-/// message for unknown names and for formats whose samples do not fill their
-/// bytes (S24_LE keeps 24 bits in 4 bytes): the library sizes blocks by the
-/// bit width, so those would be cut short.
-bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error);
+/// False with a message when both options are given: each sets the same
+/// quantity, and the later one would win silently.
+bool exclusive(const QCommandLineParser& parser, const QString& a, const QString& b, QString* error);
+
+/// The one file argument, "-" (stdin or stdout) without one; `what` names
+/// it ("input") in the message for more than one.
+bool readFileArgument(const QCommandLineParser& parser, const QString& what, QString* file, QString* error);
 
 /// Reads an option as an integer within [min, max], a time in microseconds
 /// converted to whole milliseconds (at least 1), or a number. Each leaves
@@ -84,62 +91,5 @@ bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min
 bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& option, int* valueMs,
                           QString* error);
 bool readDouble(const QCommandLineParser& parser, const QString& option, double* value, QString* error);
-
-/// Where the log4cplus logger "AudioLib" goes: with --verbose every record is
-/// printed on stderr, otherwise nothing is. A command learns why the library
-/// failed from the failing object itself (errorString()), never from the log.
-/// ALSA's own error printing follows the same choice.
-class LibraryLog
-{
-public:
-    static void configure(bool verbose);
-};
-
-/// SIGINT and SIGTERM ask a command to stop, SIGUSR1 to toggle (mute); both
-/// arrive as Qt signals on the thread that created the watcher (through a
-/// self-pipe), and a stop request is also visible as a flag for loops that
-/// run without an event loop. Handlers are installed for the watcher's life.
-class SignalWatcher : public QObject
-{
-    Q_OBJECT
-
-public:
-    SignalWatcher();
-    ~SignalWatcher() override;
-
-    /// True once SIGINT or SIGTERM arrived; safe in any thread.
-    static bool stopRequested();
-
-signals:
-    void stopSignalled();
-    void toggleSignalled();
-
-private:
-    void onSelfPipeReadable();
-
-    QSocketNotifier* m_notifier = nullptr;
-};
-
-/// Ends the process with a one-line report if it is still running `seconds`
-/// from now: every wait on a device that might never return is bounded.
-void armStopWatchdog(unsigned int seconds);
-
-/// A status line redrawn in place on stderr, shown only when stderr is a terminal.
-class ProgressLine
-{
-public:
-    ProgressLine();
-    bool isShown() const { return m_enabled; }
-    void show(const QString& text);
-    /// Ends the line so that following output starts on a new one.
-    void finish();
-
-private:
-    bool m_enabled;
-    bool m_drawn = false;
-};
-
-/// "3.25 s" style seconds for frames at rate.
-QString secondsText(qint64 frames, unsigned int rate);
 
 } // namespace quilaudio
