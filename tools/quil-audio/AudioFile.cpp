@@ -7,7 +7,6 @@
 #include <QFileInfo>
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 #include <vector>
@@ -116,7 +115,7 @@ bool AudioFile::open(const QString& path, int mode, SF_INFO* info)
                                  : ::open(QFile::encodeName(path).constData(),
                                           reading ? O_RDONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
-        m_error = QStringLiteral("cannot open '%1': %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)));
+        m_error = QStringLiteral("cannot open '%1': %2").arg(path, qt_error_string(errno));
         return false;
     }
     m_file = sf_open_fd(fd, mode, info, fd > STDERR_FILENO);
@@ -235,7 +234,7 @@ bool AudioFile::close()
 // Raw files fail as the system does; containers as libsndfile explains.
 bool AudioFile::fail(const char* action)
 {
-    const QString why = isRaw() && m_file ? QString::fromLocal8Bit(std::strerror(errno))
+    const QString why = isRaw() && m_file ? qt_error_string(errno)
                                           : QString::fromLocal8Bit(sf_strerror(m_file));
     m_error = isRaw() ? QStringLiteral("cannot %1 '%2': %3").arg(QLatin1String(action), m_path, why)
                       : QStringLiteral("cannot %1 '%2' as %3: %4").arg(QLatin1String(action), m_path, m_typeName.toUpper(), why);

@@ -149,7 +149,7 @@ void accumulatePeaks(const QByteArray& block, snd_pcm_format_t format, int chann
     // Byte-swapped and packed 24-bit samples, one by one.
     for (int i = 0; i < frames * channels; ++i) {
         double& peak = (*peaks)[i % channels];
-        peak = std::max(peak, std::fabs(decodeSample(block.constData() + i * bytes, format)));
+        peak = std::max(peak, std::fabs(decodeSample(block.constData() + static_cast<qsizetype>(i) * bytes, format)));
     }
 }
 
@@ -158,7 +158,7 @@ int firstFrameAtOrAbove(const QByteArray& block, snd_pcm_format_t format, int ch
     const int bytes = sampleBytes(format);
     const int samples = block.size() / bytes / channels * channels;
     for (int i = 0; i < samples; ++i) {
-        if (std::fabs(decodeSample(block.constData() + i * bytes, format)) >= level)
+        if (std::fabs(decodeSample(block.constData() + static_cast<qsizetype>(i) * bytes, format)) >= level)
             return i / channels;
     }
     return -1;

@@ -297,7 +297,7 @@ private:
         for (int frame = 0; frame < count; ++frame) {
             for (int channel = 0; channel < outChannels; ++channel) {
                 const int from = (frame * inChannels + qMin(channel, inChannels - 1)) * sampleBytes;
-                std::copy_n(frames.constData() + from, sampleBytes, out.data() + (frame * outChannels + channel) * sampleBytes);
+                std::copy_n(frames.constData() + from, sampleBytes, out.data() + static_cast<qsizetype>(frame * outChannels + channel) * sampleBytes);
             }
         }
         return out;

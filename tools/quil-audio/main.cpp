@@ -55,7 +55,7 @@ int main(int argc, char** argv)
         return helpAsked ? quilaudio::ExitOk : quilaudio::ExitUsage;
     }
 
-    const QString command = positional.first();
+    const QString& command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
     const QMap<QString, int (*)(const QStringList&)> commands{{QStringLiteral("record"), quilaudio::runRecordCommand},
         {QStringLiteral("play"), quilaudio::runPlayCommand}, {QStringLiteral("mixer"), quilaudio::runMixerCommand},
