@@ -61,8 +61,13 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
     , m_liveFeed()
     , m_ringBuffer(heldRingBytes(msToByteCount(quil::clampedToInt(bufferDurationMs))), '\0')
     , m_link(new quil::WorkerLink{{}, this})
+    , m_restartTimer(new QTimer(this))
 {
     qRegisterMetaType<quil::CaptureStatus>();
+    m_restartTimer->setSingleShot(true);
+    m_restartTimer->setTimerType(Qt::CoarseTimer);
+    m_restartTimer->setInterval(RestartDelayMs);
+    connect(m_restartTimer, SIGNAL(timeout()), this, SLOT(on_dataProvider_started()));
     Q_ASSERT(oneReadSizeFrames > 0);
     if (bufferDurationMs != 0)
         Q_ASSERT(m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames));
@@ -78,8 +83,9 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
 // (every transfer and the live feed finished, the device closed). Consumers
 // can thus rely on a started provider finishing their feeds when it goes.
 //
-// Feeds still registered are then released unfinished, and their callbacks
-// are detached from this object (see WorkerLink).
+// So is the stop() that the provider made, which ends a pending restart.
+// Feeds still registered (never started, or after a failed open) are then
+// released unfinished, and their callbacks are detached (see WorkerLink).
 AudioInputDataProviderThread::~AudioInputDataProviderThread()
 {
     quil::acceptHandOff(this);   // published by the provider before deleteLater()
@@ -111,6 +117,20 @@ void AudioInputDataProviderThread::stop()
 {
     QUIL_TRACE_ENTRY();
     m_running = false;
+    quil::publishHandOff(this);
+    QMetaObject::invokeMethod(this, "endPendingRestart", Qt::QueuedConnection);
+}
+
+// Without this, a stop() while a restart waits would leave the status at
+// Restarting and the feeds open until the timer fired. A run in progress
+// when stop() came has ended by now, and closed, or armed the timer.
+void AudioInputDataProviderThread::endPendingRestart()
+{
+    quil::acceptHandOff(this);   // published by stop()
+    if (m_running || !m_restartTimer->isActive())
+        return;
+    m_restartTimer->stop();
+    finishTransfersAndClose();
 }
 
 void AudioInputDataProviderThread::setMuteState(bool muted)
@@ -220,6 +240,7 @@ int AudioInputDataProviderThread::ringSize() const
 void AudioInputDataProviderThread::on_dataProvider_started()
 {
     quil::acceptHandOff(this);   // published by start()
+    m_restartTimer->stop();   // this run supersedes a pending restart
     LOG4CPLUS_TRACE(logger, "Starting Audio Data Provider, read size: " << m_readSizeFrames
                                                                         << ", buffer duration: " << ringSize());
     if (m_running) {
@@ -252,7 +273,7 @@ bool AudioInputDataProviderThread::captureWhileRunning()
                              QStringLiteral("Error while reading the input device, restarting provider in %1 ms")
                                  .arg(RestartDelayMs),
                              true);
-            QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this, SLOT(on_dataProvider_started()));
+            m_restartTimer->start();
             return false;
         }
         distribute(block);

@@ -10,6 +10,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QSharedPointer>
+#include <QTimer>
 #include <QVector>
 
 #include <atomic>
@@ -47,7 +48,8 @@ public:
     /// Sets the run flag and queues a capture run to the worker thread.
     void start();
     /// Clears the run flag; the running capture ends after its current block,
-    /// finishes every transfer and closes the device. Does not wait.
+    /// finishes every transfer and closes the device. Does not wait. A restart
+    /// pending after a read failure is dropped and ends the same way at once.
     void stop();
     /// Replaces captured audio by silence from the next block on.
     void setMuteState(bool muted);
@@ -85,6 +87,7 @@ signals:
 
 private slots:
     void on_dataProvider_started();
+    void endPendingRestart();
 
 private:
     // A time-shifted feed whose prefill is being handed over by the thread that
@@ -118,6 +121,7 @@ private:
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
     QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;
+    QTimer* m_restartTimer;   // worker thread only; a child of this object
     quil::CaptureStatus m_status;   // under m_mutex
     std::function<void(const quil::CaptureStatus&)> m_statusListener;   // under m_mutex
 };
