@@ -67,7 +67,7 @@ echo
 for key in kills server_returns kills_resumed status_restarts open_failures host_starts new_main_feeds \
     resume_ms_median resume_ms_max capture_stalled_at_s feeds_taken delivered_mb playback_writes \
     playback_xruns playback_closes playback_reopens playback_xrun_reopens mixer_reopens mixer_changes mixer_sets error_lines \
-    rss_kb fds threads exit; do
+    rss_kb fds threads first_kill_at_s longest_running_gap_s exit; do
     printf '%-22s' "$key"
     for run in "${runs[@]}"; do
         printf '%-22s' "$(awk -v k="$key" '$1 == k { $1 = ""; sub(/^ /, ""); print }' "$out/$run.txt" | tr ' ' '>')"

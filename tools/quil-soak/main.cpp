@@ -80,7 +80,7 @@ Resources sampleResources()
 struct Shared
 {
     std::atomic<bool> done{false};
-    std::atomic<qint64> lastBlockMs{0}, serverReturnMs{-1}, lastWriteMs{0};
+    std::atomic<qint64> lastBlockMs{0}, serverReturnMs{-1}, lastWriteMs{0}, firstKillMs{-1};
     std::atomic<int> kills{0}, returns{0}, resumed{0};
     std::mutex mutex;
     std::vector<qint64> resumeDelays;   // server's return to the first block, ms
@@ -103,7 +103,8 @@ void injectFaults(Shared* s, const QString& server, const QString& dir, int seco
         if (s->done || nowMs() > seconds * 1000LL - 25000)
             return;
         run(QStringLiteral("kill"));
-        ++s->kills;
+        if (s->kills++ == 0)
+            s->firstKillMs = nowMs();
         pause(std::uniform_int_distribution<int>(200, 10000)(random));
         while (!run(QStringLiteral("--server %1 start").arg(server)))
             pause(1000);
@@ -294,15 +295,17 @@ int main(int argc, char** argv)
     // process has grown by 300 MB (a PCM that fails in a loop may leak).
     Resources first, last;
     QList<Resources> samples;
-    qint64 stalledAtMs = -1;
+    qint64 stalledAtMs = -1, longestRunningGapMs = 0;
     QTimer sampler;
     const auto check = [&] {
         last = sampleResources();
         if (nowMs() / 1000 % 10 == 5 || samples.isEmpty())
             samples << last;
         first = samples.first();
-        const bool stuck = provider.captureStatus().state == quil::CaptureState::Running
-            && nowMs() - shared.lastBlockMs > 30000;
+        const bool running = provider.captureStatus().state == quil::CaptureState::Running;
+        if (running)
+            longestRunningGapMs = std::max(longestRunningGapMs, nowMs() - shared.lastBlockMs);
+        const bool stuck = running && nowMs() - shared.lastBlockMs > 30000;
         if (stalledAtMs < 0 && (stuck || last.rssKb > first.rssKb + 300000))
             stalledAtMs = nowMs();
         if (stalledAtMs >= 0 || nowMs() >= seconds * 1000LL)
@@ -342,6 +345,8 @@ int main(int argc, char** argv)
     for (const Resources& r : qAsConst(samples))
         rss << QString::number(r.rssKb);
     std::printf("rss_samples %s\n", qPrintable(rss.join(' ')));
+    std::printf("first_kill_at_s %.1f\nlongest_running_gap_s %lld\n", shared.firstKillMs / 1000.0,
+                static_cast<long long>(longestRunningGapMs / 1000));
 
     // A capture or playback stuck inside ALSA can be neither stopped nor
     // destroyed: the figures are out, so leave without waiting for it.
