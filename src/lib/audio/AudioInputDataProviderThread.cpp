@@ -21,10 +21,14 @@ namespace quil {
 // holding the link's mutex while it does; the worker's destructor clears the
 // pointer under the same mutex, so a late callback finds it null and does
 // nothing. Lock order: link mutex before the worker's m_mutex.
+//
+// The restart timer (a child of the worker, used by the worker thread alone)
+// is kept here rather than in the worker, whose layout is published.
 struct WorkerLink
 {
     QMutex mutex;
     AudioInputDataProviderThread* worker;
+    QTimer* restartTimer = nullptr;
 };
 
 } // namespace quil
@@ -60,14 +64,14 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
     , m_readSizeFrames(oneReadSizeFrames)
     , m_liveFeed()
     , m_ringBuffer(heldRingBytes(msToByteCount(quil::clampedToInt(bufferDurationMs))), '\0')
-    , m_link(new quil::WorkerLink{{}, this})
-    , m_restartTimer(new QTimer(this))
+    , m_link(new quil::WorkerLink{{}, this, new QTimer(this)})
 {
     qRegisterMetaType<quil::CaptureStatus>();
-    m_restartTimer->setSingleShot(true);
-    m_restartTimer->setTimerType(Qt::CoarseTimer);
-    m_restartTimer->setInterval(RestartDelayMs);
-    connect(m_restartTimer, SIGNAL(timeout()), this, SLOT(on_dataProvider_started()));
+    QTimer* restartTimer = m_link->restartTimer;
+    restartTimer->setSingleShot(true);
+    restartTimer->setTimerType(Qt::CoarseTimer);
+    restartTimer->setInterval(RestartDelayMs);
+    connect(restartTimer, SIGNAL(timeout()), this, SLOT(on_dataProvider_started()));
     Q_ASSERT(oneReadSizeFrames > 0);
     if (bufferDurationMs != 0)
         Q_ASSERT(m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames));
@@ -94,6 +98,7 @@ AudioInputDataProviderThread::~AudioInputDataProviderThread()
     {
         quil::MutexLocker locker(&m_link->mutex);
         m_link->worker = nullptr;
+        m_link->restartTimer = nullptr;   // goes with this object
     }
     // Everything this thread did, the capture run's use of the device
     // included, is over: the provider waiting for the thread may now let the
@@ -127,9 +132,9 @@ void AudioInputDataProviderThread::stop()
 void AudioInputDataProviderThread::endPendingRestart()
 {
     quil::acceptHandOff(this);   // published by stop()
-    if (m_running || !m_restartTimer->isActive())
+    if (m_running || !m_link->restartTimer->isActive())
         return;
-    m_restartTimer->stop();
+    m_link->restartTimer->stop();
     finishTransfersAndClose();
 }
 
@@ -240,7 +245,7 @@ int AudioInputDataProviderThread::ringSize() const
 void AudioInputDataProviderThread::on_dataProvider_started()
 {
     quil::acceptHandOff(this);   // published by start()
-    m_restartTimer->stop();   // this run supersedes a pending restart
+    m_link->restartTimer->stop();   // this run supersedes a pending restart
     LOG4CPLUS_TRACE(logger, "Starting Audio Data Provider, read size: " << m_readSizeFrames
                                                                         << ", buffer duration: " << ringSize());
     if (m_running) {
@@ -273,7 +278,7 @@ bool AudioInputDataProviderThread::captureWhileRunning()
                              QStringLiteral("Error while reading the input device, restarting provider in %1 ms")
                                  .arg(RestartDelayMs),
                              true);
-            m_restartTimer->start();
+            m_link->restartTimer->start();
             return false;
         }
         distribute(block);

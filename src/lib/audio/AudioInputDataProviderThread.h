@@ -10,7 +10,6 @@
 #include <QMutex>
 #include <QObject>
 #include <QSharedPointer>
-#include <QTimer>
 #include <QVector>
 
 #include <atomic>
@@ -121,7 +120,6 @@ private:
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
     QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;
-    QTimer* m_restartTimer;   // worker thread only; a child of this object
     quil::CaptureStatus m_status;   // under m_mutex
     std::function<void(const quil::CaptureStatus&)> m_statusListener;   // under m_mutex
 };
