@@ -72,6 +72,20 @@ TEST_F(CaptureDeviceTest, AlsaDeliversKnownDataBitExactAndAsksForPeriodAndBuffer
     }
 }
 
+// null never writes the caller's buffer: the device must hand out silence,
+// not what the buffer held before (0x80 is U8's silence).
+TEST_F(CaptureDeviceTest, AlsaGivesTheFormatsSilenceWhereThePcmWritesNothing)
+{
+    struct Case { snd_pcm_format_t format; int bytesPerSample; char silence; };
+    for (const Case& c : {Case{S16, 2, '\0'}, Case{SND_PCM_FORMAT_U8, 1, '\x80'}, Case{SND_PCM_FORMAT_S32_LE, 4, '\0'}}) {
+        AlsaInputDevice device(QStringLiteral("null"), 48000, 2, c.format, 20, 100);
+        ASSERT_TRUE(device.open());
+        QByteArray block(480 * 2 * c.bytesPerSample, '\x5a');
+        ASSERT_TRUE(device.read(&block, 480));
+        EXPECT_EQ(block, QByteArray(480 * 2 * c.bytesPerSample, c.silence)) << c.format;
+    }
+}
+
 // Every read error is answered by prepare and start and the read goes on;
 // a failing prepare closes the device, and the next open() starts afresh.
 TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)

@@ -10,6 +10,8 @@
 
 #include <QElapsedTimer>
 
+#include <thread>
+
 #include <gtest/gtest.h>
 
 using namespace quiltest;
@@ -129,9 +131,9 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
     EXPECT_GE(timer.elapsed(), 1880);   // a coarse timer may fire up to 5 % early
     EXPECT_LE(timer.elapsed(), 2000 + quiltest::scaledMs(300));
     device.failOpen = true;
-    ASSERT_TRUE(waitUntil([&] { return device.opens == 3; }, 4000));
-    QThread::msleep(2300);
-    EXPECT_EQ(device.opens, 3);
+    ASSERT_TRUE(waitUntil([&] { return provider.captureStatus().state == quil::CaptureState::Stopped; }, 4000));
+    // No retry follows a failed open: nothing in the time a restart takes.
+    EXPECT_FALSE(waitUntil([&] { return device.opens > 3; }, 2300));
     EXPECT_EQ(log.errors(),
               (QStringList{"Error while reading the input device, restarting provider in 2000 ms",
                            "Error while reading the input device, restarting provider in 2000 ms",
@@ -150,4 +152,55 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
     provider.start();
     ASSERT_TRUE(waitUntil([&] { return device.opens == 4; }));
     EXPECT_FALSE(live.isFinished());
+}
+
+// stop() and the destructor end capture within one device read (plus 100 ms)
+// in every state, and leave the status Stopped with the feeds finished.
+TEST(Provider, StopAndDestructionEndCaptureWithinOneReadInEveryState)
+{
+    using State = quil::CaptureState;
+    enum Reached { NeverStarted, Running, InsideARead, Restarting, AlreadyStopped };
+    const char* const names[] = {"never started", "running", "inside a read", "restarting", "already stopped"};
+    constexpr int ReadMs = 100;   // how long the read in progress still takes
+    for (int reached = NeverStarted; reached <= AlreadyStopped; ++reached) {
+        for (bool destroy : {false, true}) {
+            SCOPED_TRACE(std::string(names[reached]) + (destroy ? ", destroyed" : ", stopped"));
+            ScriptedInputDevice device;
+            device.gated = reached == InsideARead;
+            device.failReads = reached == Restarting;
+            auto provider = std::make_unique<AudioInputDataProvider>(&device, 100, 480);
+            FeedRecorder live(provider->liveFeed()), shifted(provider->liveFeedWithOffset(0));
+            std::atomic<State> last{State::Stopped};
+            provider->setCaptureStatusListener([&last](const quil::CaptureStatus& status) { last = status.state; });
+            const auto state = [&] { return provider->captureStatus().state; };
+            if (reached != NeverStarted) {
+                provider->start();
+                ASSERT_TRUE(waitUntil([&] {
+                    return reached == Restarting ? state() == State::Restarting
+                                                 : state() == State::Running && device.reads >= (reached == InsideARead ? 1 : 3);
+                }));
+            }
+            if (reached == AlreadyStopped) {
+                provider->stop();
+                ASSERT_TRUE(waitUntil([&] { return state() == State::Stopped; }));
+            }
+            std::thread reader;
+            if (reached == InsideARead)
+                reader = std::thread([&device] { QThread::msleep(ReadMs); device.openGate(); });
+            QElapsedTimer timer;
+            timer.start();
+            if (destroy)
+                provider.reset();
+            else
+                provider->stop();
+            EXPECT_TRUE(destroy || waitUntil([&] { return state() == State::Stopped; }));
+            EXPECT_LE(timer.elapsed(), (reached == InsideARead ? ReadMs : 0) + quiltest::scaledMs(100));
+            EXPECT_EQ(last, State::Stopped);
+            EXPECT_EQ(live.isFinished() && shifted.isFinished(), reached != NeverStarted);
+            if (reader.joinable())
+                reader.join();
+            provider.reset();
+            deleteFinishedThreadObjects();
+        }
+    }
 }

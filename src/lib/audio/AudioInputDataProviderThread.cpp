@@ -15,11 +15,13 @@ namespace quil {
 
 // What a feed's finish callback knows of the worker, which its feeds may
 // outlive: null once the worker is gone (docs/internals.md). Lock order: link
-// mutex before the worker's m_mutex.
+// mutex before the worker's m_mutex. Also holds the restart timer, kept out of
+// the worker, whose layout is published.
 struct WorkerLink
 {
     QMutex mutex;
     AudioInputDataProviderThread* worker;
+    QTimer* restartTimer = nullptr;
 };
 
 } // namespace quil
@@ -55,9 +57,14 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
     , m_readSizeFrames(oneReadSizeFrames)
     , m_liveFeed()
     , m_ringBuffer(heldRingBytes(msToByteCount(quil::clampedToInt(bufferDurationMs))), '\0')
-    , m_link(new quil::WorkerLink{{}, this})
+    , m_link(new quil::WorkerLink{{}, this, new QTimer(this)})
 {
     qRegisterMetaType<quil::CaptureStatus>();
+    QTimer* restartTimer = m_link->restartTimer;
+    restartTimer->setSingleShot(true);
+    restartTimer->setTimerType(Qt::CoarseTimer);
+    restartTimer->setInterval(RestartDelayMs);
+    connect(restartTimer, SIGNAL(timeout()), this, SLOT(on_dataProvider_started()));
     Q_ASSERT(oneReadSizeFrames > 0);
     if (bufferDurationMs != 0)
         Q_ASSERT(m_ringBuffer.size() >= frameCountToByteCount(m_readSizeFrames));
@@ -65,7 +72,7 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
 
 // Runs in the stopped worker thread. A run still queued by start() is carried
 // out, straight to its closing step, so that a started provider always finishes
-// its feeds; the rest are detached through WorkerLink (docs/internals.md).
+// its feeds; so is the provider's stop(), which ends a pending restart.
 AudioInputDataProviderThread::~AudioInputDataProviderThread()
 {
     quil::acceptHandOff(this);   // published by the provider before deleteLater()
@@ -74,6 +81,7 @@ AudioInputDataProviderThread::~AudioInputDataProviderThread()
     {
         quil::MutexLocker locker(&m_link->mutex);
         m_link->worker = nullptr;
+        m_link->restartTimer = nullptr;   // goes with this object
     }
     // Everything this thread did, the capture run's use of the device
     // included, is over: the provider waiting for the thread may now let the
@@ -97,6 +105,20 @@ void AudioInputDataProviderThread::stop()
 {
     QUIL_TRACE_ENTRY();
     m_running = false;
+    quil::publishHandOff(this);
+    QMetaObject::invokeMethod(this, "endPendingRestart", Qt::QueuedConnection);
+}
+
+// Without this, a stop() while a restart waits would leave the status at
+// Restarting and the feeds open until the timer fired. A run in progress
+// when stop() came has ended by now, and closed, or armed the timer.
+void AudioInputDataProviderThread::endPendingRestart()
+{
+    quil::acceptHandOff(this);   // published by stop()
+    if (m_running || !m_link->restartTimer->isActive())
+        return;
+    m_link->restartTimer->stop();
+    finishTransfersAndClose();
 }
 
 void AudioInputDataProviderThread::setMuteState(bool muted)
@@ -200,6 +222,7 @@ int AudioInputDataProviderThread::ringSize() const
 void AudioInputDataProviderThread::on_dataProvider_started()
 {
     quil::acceptHandOff(this);   // published by start()
+    m_link->restartTimer->stop();   // this run supersedes a pending restart
     LOG4CPLUS_TRACE(logger, "Starting Audio Data Provider, read size: " << m_readSizeFrames
                                                                         << ", buffer duration: " << ringSize());
     if (m_running) {
@@ -232,7 +255,7 @@ bool AudioInputDataProviderThread::captureWhileRunning()
                              QStringLiteral("Error while reading the input device, restarting provider in %1 ms")
                                  .arg(RestartDelayMs),
                              true);
-            QTimer::singleShot(RestartDelayMs, Qt::CoarseTimer, this, SLOT(on_dataProvider_started()));
+            m_link->restartTimer->start();
             return false;
         }
         distribute(block);

@@ -52,7 +52,8 @@ public:
     /// failed open ends the run (captureStatus() tells why).
     void start();
     /// Clears the run flag; the running capture ends after its current block,
-    /// finishes every transfer and closes the device. Does not wait.
+    /// finishes every transfer and closes the device. Does not wait. A restart
+    /// pending after a read failure is dropped and ends the same way at once.
     void stop();
     /// Replaces captured audio by silence from the next block on.
     void setMuteState(bool muted);
@@ -90,6 +91,7 @@ signals:
 
 private slots:
     void on_dataProvider_started();
+    void endPendingRestart();
 
 private:
     // A time-shifted feed whose prefill is being handed over by the thread that

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 
 namespace quil {
@@ -24,6 +25,22 @@ inline int bytesPerSampleOf(snd_pcm_format_t format)
     }
     const int width = snd_pcm_format_width(format);
     return width > 0 ? width / 8 : 0;
+}
+
+// Fills `bytes` bytes of samples of `format` with its silence: zero bytes for
+// the usual formats without a call into libasound, ALSA's own pattern for the
+// others (0x80 for U8, and so on).
+inline void fillWithSilence(snd_pcm_format_t format, char* data, int bytes)
+{
+    switch (format) {
+    case SND_PCM_FORMAT_S16_LE: case SND_PCM_FORMAT_S32_LE: case SND_PCM_FORMAT_FLOAT_LE:
+        std::memset(data, 0, static_cast<size_t>(bytes));
+        return;
+    default: break;
+    }
+    const int width = bytesPerSampleOf(format);
+    if (width > 0)
+        snd_pcm_format_set_silence(format, data, static_cast<unsigned int>(bytes / width));
 }
 
 // True when a sample of `format` takes exactly bytesPerSampleOf(format) bytes in

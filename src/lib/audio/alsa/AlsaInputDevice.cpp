@@ -162,6 +162,9 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
         return false;
     }
     buffer->resize(static_cast<int>(blockBytes));
+    // Some PCMs return frames they never wrote (null, or file past its input's
+    // end): whatever they leave is silence, not the allocator's old contents.
+    quil::fillWithSilence(m_format, buffer->data(), buffer->size());
     snd_pcm_sframes_t frames = 0;
     while (m_pcm) {
         frames = snd_pcm_readi(m_pcm, buffer->data(), static_cast<snd_pcm_uframes_t>(frameCount));
