@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds libquil_audio and runs its whole test suite three times: a plain
-# build, the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
+# build (followed by the ABI check and clang-format/clang-tidy), the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
 # (leak detection on; the Debian packages are built by the plain run only),
 # and the threaded suites under ThreadSanitizer. Last, the whole suite cross-built
 # for armhf runs under qemu-user (scripts/cross-test.sh). Any
@@ -26,12 +26,16 @@ run_suite() {
 }
 
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}" \
-    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}"
+    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}" "${QUIL_LINT_PACKAGES[@]}"
 echo "== packages: $SECONDS s"
 
-run_suite test ""
+run_suite test "" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
 # Host programs are built against the published class layouts: hold them.
 scripts/abi-check.sh build/test
+# The code's format and clang-tidy's checks, on the plain build's compile commands.
+lint_start=$SECONDS
+scripts/lint.sh build/test
+echo "== lint: $((SECONDS - lint_start)) s"
 [ "${1:-}" = "--quick" ] && exit 0
 
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \

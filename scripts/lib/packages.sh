@@ -9,6 +9,8 @@ QUIL_DOCS_PACKAGES=(doxygen graphviz)
 # The test suite: GoogleTest and Google Benchmark, sox to read back the files the tool
 # writes, and libabigail for the ABI check (scripts/abi-check.sh).
 QUIL_TEST_PACKAGES=(libgtest-dev libbenchmark-dev sox abigail-tools)
+# The code's own checks (scripts/lint.sh).
+QUIL_LINT_PACKAGES=(clang-format clang-tidy)
 # Debian packages of the build: CPack's DEB generator needs dpkg-shlibdeps
 # (dpkg-dev) and file; lintian checks the result, man reads the manual page.
 QUIL_PACKAGING_PACKAGES=(dpkg-dev file lintian man-db)
