@@ -17,6 +17,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
 #include <QTimer>
 
 #include <alsa/asoundlib.h>
@@ -29,7 +30,6 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <random>
@@ -91,9 +91,7 @@ void injectFaults(Shared* s, const QString& server, const QString& dir, int seco
 {
     std::mt19937 random(seed);
     const QString script = qEnvironmentVariable("QUIL_SOUND_SERVER_SCRIPT");
-    const auto run = [&](const QString& args) {
-        return std::system(qPrintable(QStringLiteral("'%1' %2 '%3' >/dev/null 2>&1").arg(script, args, dir))) == 0;
-    };
+    const auto run = [&](const QStringList& args) { return QProcess::execute(script, args + QStringList{dir}) == 0; };
     const auto pause = [&](qint64 ms) {
         for (const qint64 end = nowMs() + ms; nowMs() < end && !s->done;)
             usleep(50000);
@@ -102,17 +100,18 @@ void injectFaults(Shared* s, const QString& server, const QString& dir, int seco
         pause(std::uniform_int_distribution<int>(10000, 40000)(random));
         if (s->done || nowMs() > seconds * 1000LL - 25000)
             return;
-        run(QStringLiteral("kill"));
+        run({QStringLiteral("kill")});
         if (s->kills++ == 0)
             s->firstKillMs = nowMs();
         pause(std::uniform_int_distribution<int>(200, 10000)(random));
-        while (!run(QStringLiteral("--server %1 start").arg(server)))
+        while (!run({QStringLiteral("--server"), server, QStringLiteral("start")}))
             pause(1000);
         s->serverReturnMs = nowMs();
         ++s->returns;
         // The sink's volume changed from outside, for the watched element.
-        std::system(qPrintable(QStringLiteral("pactl set-sink-volume @DEFAULT_SINK@ %1% >/dev/null 2>&1")
-                                   .arg(std::uniform_int_distribution<int>(20, 100)(random))));
+        QProcess::execute(QStringLiteral("pactl"),
+                          {QStringLiteral("set-sink-volume"), QStringLiteral("@DEFAULT_SINK@"),
+                           QStringLiteral("%1%").arg(std::uniform_int_distribution<int>(20, 100)(random))});
     }
 }
 
@@ -140,8 +139,8 @@ void play(const QString& pcm, Shared* s, PlaybackFigures* f)
     QByteArray tone(960 * 4, '\0');
     for (int i = 0; i < 960; ++i) {
         const auto v = static_cast<qint16>(8000 * std::sin(2 * M_PI * 440 * i / 48000.0));
-        std::memcpy(tone.data() + i * 4, &v, 2);
-        std::memcpy(tone.data() + i * 4 + 2, &v, 2);
+        std::memcpy(tone.data() + static_cast<qsizetype>(i) * 4, &v, 2);
+        std::memcpy(tone.data() + static_cast<qsizetype>(i) * 4 + 2, &v, 2);
     }
     bool closed = false;
     int xrunsInARow = 0;
@@ -190,7 +189,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: quil-soak PCM pulseaudio|pipewire SERVER_DIR SECONDS [SEED]\n");
         return 2;
     }
-    const QString pcm = args[1];
+    const QString& pcm = args[1];
     const int seconds = args[4].toInt();
     const unsigned seed = args.size() > 5 ? args[5].toUInt() : static_cast<unsigned>(getpid());
     snd_lib_error_set_handler(silentAlsaErrors);
@@ -311,8 +310,12 @@ int main(int argc, char** argv)
         if (stalledAtMs >= 0 || nowMs() >= seconds * 1000LL)
             app.quit();
     };
-    QObject::connect(&sampler, &QTimer::timeout, check);
-    QTimer::singleShot(5000, [&] { sampler.start(1000); check(); });
+    // The first sample after 5 s, once start-up has settled, then one a second.
+    QObject::connect(&sampler, &QTimer::timeout, [&] {
+        sampler.setInterval(1000);
+        check();
+    });
+    sampler.start(5000);
     app.exec();
 
     shared.done = true;
