@@ -5,18 +5,11 @@
 #include "AlsaCard.h"
 
 #include "AlsaTest.h"
-#include "LogCapture.h"
 #include "TestEnvironment.h"
 
-#include <QCoreApplication>
 #include <QSignalSpy>
 #include <QTimer>
 
-#include <alsa/asoundlib.h>
-
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
@@ -84,8 +77,8 @@ TEST_F(MixerTest, HandleListsGuessesAndFindsElements)
 }
 
 // A failing control reports false, logs one line, leaves the caller's
-// outputs alone and keeps its reason for the caller until the next success;
-// the has/is queries answer false without a word.
+// outputs alone and keeps its reason for the caller; the has/is queries
+// answer false without a word.
 TEST_F(MixerTest, EveryControlFailureFailsCleanly)
 {
     AlsaCard card("testmix", true);
@@ -123,11 +116,6 @@ TEST_F(MixerTest, EveryControlFailureFailsCleanly)
         if (c.logs)
             EXPECT_EQ(std::make_pair(failed->errorString(), failed->errorCode()), std::make_pair(m_log.errors().value(0), -EIO));
         faults::reset();
-        long volume = 0;
-        unsigned int selected = 0;
-        EXPECT_TRUE(failed == master ? master->getVolume(&volume, Playback) : source->getEnum(&selected));
-        if (c.logs)   // a success leaves the reason, as errno does
-            EXPECT_EQ(failed->errorCode(), -EIO);
     }
 }
 
@@ -159,9 +147,8 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     long volume = 0;
     EXPECT_TRUE(master->getVolume(&volume, Playback));
     EXPECT_EQ(volume, 10);
-    // Info only, the same value again, another element: nothing for Master.
+    // Info only, another element: nothing for Master; its switch: one change.
     command("info Master Playback Volume");
-    command("set Master Playback Volume 10");
     command("set Headphone Playback Volume 3");
     command("set Master Playback Switch 0");
     // Events are handled in the order written: Zoom's change comes after all of those.
@@ -169,7 +156,6 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     command("set Zoom Playback Volume 9");
     ASSERT_TRUE(zoomSpy.wait(2000));
     EXPECT_EQ(spy.count(), 2);
-    EXPECT_FALSE(AlsaCard("no_such_mixer", true).isOpen());
 }
 
 // dB in hundredths, truncated toward zero, on the side asked for; the test

@@ -49,8 +49,6 @@ static const unsigned int db_tlv[] = { SND_CTL_TLVT_DB_SCALE, 2 * sizeof(unsigne
 struct state {
 	snd_ctl_ext_t ext;
 	int dead, count;
-	char buf[4096]; // FIFO text not yet run as commands
-	size_t len;
 	struct ctl ctls[];
 };
 #define S(ext) ((struct state *)(ext)->private_data)
@@ -194,27 +192,20 @@ static int run_command(struct state *s, char *line, snd_ctl_elem_id_t *id, unsig
 
 static int read_event(snd_ctl_ext_t *ext, snd_ctl_elem_id_t *id, unsigned int *event_mask)
 {
-	struct state *s = S(ext);
-	for (;;) {
-		char *nl = memchr(s->buf, '\n', s->len);
-		if (s->dead)
-			return -EIO;
-		if (!nl) {
-			if (s->len == sizeof(s->buf))
-				s->len = 0; // an overlong line is garbage anyway
-			ssize_t n = read(ext->poll_fd, s->buf + s->len, sizeof(s->buf) - s->len);
-			if (n <= 0)
-				return -EAGAIN;
-			s->len += n;
+	// A line written at once is read whole: FIFO writes up to PIPE_BUF are atomic.
+	char line[256];
+	size_t len = 0;
+	while (!S(ext)->dead) {
+		if (read(ext->poll_fd, line + len, 1) != 1)
+			return -EAGAIN;
+		if (line[len] != '\n' && ++len < sizeof(line))
 			continue;
-		}
-		*nl = '\0';
-		int event = run_command(s, s->buf, id, event_mask);
-		s->len -= nl + 1 - s->buf;
-		memmove(s->buf, nl + 1, s->len);
-		if (event)
+		line[len < sizeof(line) ? len : len - 1] = '\0';
+		len = 0;
+		if (run_command(S(ext), line, id, event_mask))
 			return 1;
 	}
+	return -EIO;
 }
 
 static void close_ctl(snd_ctl_ext_t *ext)
