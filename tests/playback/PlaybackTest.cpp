@@ -9,7 +9,6 @@
 #include "AlsaTest.h"
 #include "TestEnvironment.h"
 
-#include <QFile>
 #include <QThread>
 
 #include <random>
@@ -44,30 +43,6 @@ TEST_F(PlaybackTest, FileDeviceWritesRawBlocksAndStartsEmptyOnEveryOpen)
     FileOutputDevice nowhere(dataDirectory() + "/no/dir/x.raw", 8000, 1, S16);
     EXPECT_FALSE(nowhere.open());
     EXPECT_EQ(nowhere.errorCode(), -ENOENT);
-}
-
-// Whole frames only, counted in the negotiated layout: asked for mono and
-// given stereo, counting with the requested count would read past the block.
-TEST_F(PlaybackTest, PluginReceivesExactlyTheWholeFramesWritten)
-{
-    for (unsigned channels : {1u, 2u}) {
-        const QString path = dataDirectory() + "/tee.raw";
-        QFile::remove(path);
-        const QString pcm = QStringLiteral("tee:SLAVE=%1,FILE=%2,FORMAT=raw").arg(channels == 1 ? "stereo_only" : "null", path);
-        AlsaOutputDevice device(pcm, 48000, channels == 1 ? 1 : 2, SND_PCM_FORMAT_S16_LE, 20, 100);
-        device.enableChannelsNear();
-        ASSERT_TRUE(device.open());
-        ASSERT_EQ(device.channelCount(), 2);
-        const QByteArray data = patternBytes(48000 / 4 * 4);
-        QByteArray expected;
-        for (int offset = 0, size = 1; offset < data.size(); offset += size, size = size * 3 + 7) {
-            const QByteArray block = data.mid(offset, size);
-            ASSERT_EQ(device.write(block), Out::Written);
-            expected += block.left(block.size() / 4 * 4);
-        }
-        device.close(Out::Drain);
-        EXPECT_TRUE(fileContent(path) == expected);
-    }
 }
 
 TEST_F(PlaybackTest, PeriodBufferAndThresholdFollowTheLastSetterOfEachPair)
@@ -116,6 +91,8 @@ TEST_F(PlaybackTest, ApproximatedRateOrChannelsFailUnlessAllowed)
 // Thousands of writes with xruns, short writes and errors injected at random
 // calls: every write ends in one of the three results that its faults call
 // for, hands ALSA exactly the frames it reports, and leaves a usable device.
+// Whole frames only, counted in the negotiated layout: asked for mono and
+// given stereo, counting with the requested count would read past the block.
 TEST_F(PlaybackTest, WritesTakeTheBlockFrontToBackAndRecoverOrClose)
 {
     std::mt19937 random(7);
@@ -133,8 +110,10 @@ TEST_F(PlaybackTest, WritesTakeTheBlockFrontToBackAndRecoverOrClose)
     faults::setHook<int(snd_pcm_t*, int, int)>("snd_pcm_recover", [&](snd_pcm_t* pcm, int error, int silent) {
         return recoverFails ? -ENODEV : faults::real<int(snd_pcm_t*, int, int)>("snd_pcm_recover")(pcm, error, silent);
     });
-    AlsaOutputDevice device(QStringLiteral("null"), 48000, 2, S16, 20, 100);
+    AlsaOutputDevice device(QStringLiteral("stereo_only"), 48000, 1, S16, 20, 100);
+    device.enableChannelsNear();
     ASSERT_TRUE(device.open());
+    ASSERT_EQ(device.channelCount(), 2);
     for (int i = 0; i < 5000; ++i) {
         const QByteArray block = patternBytes(1 + random() % 8000, i);
         const snd_pcm_uframes_t frames = block.size() / 4;
