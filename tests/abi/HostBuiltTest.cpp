@@ -137,8 +137,7 @@ public:
 TEST(HostBuilt, ProviderRestartsAHostDeviceAfterAFailedRead)
 {
     int argc = 1;
-    char name[] = "host_built_test";
-    char* argv[] = {name, nullptr};
+    char* argv[] = {const_cast<char*>("host_built_test"), nullptr};
     QCoreApplication app(argc, argv);
     HostInputDevice device;
     std::atomic<int> blocks{0};

@@ -16,11 +16,7 @@
 namespace quiltest {
 namespace faults {
 
-struct Armed
-{
-    long result;
-    int times, after;
-};
+struct Armed { long result; int times, after; };
 struct State
 {
     std::mutex mutex;

@@ -81,8 +81,7 @@ static snd_ctl_ext_key_t lookup(struct state *s, const char *name)
 
 static snd_ctl_ext_key_t find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id_t *id)
 {
-	unsigned int numid = snd_ctl_elem_id_get_numid(id);
-	return numid > 0 && numid <= (unsigned int)S(ext)->count ? numid - 1 : lookup(S(ext), snd_ctl_elem_id_get_name(id));
+	return lookup(S(ext), snd_ctl_elem_id_get_name(id)); // the mixer always names the element
 }
 
 static int get_attribute(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, int *type, unsigned int *acc, unsigned int *count)
