@@ -110,8 +110,7 @@ public:
     int channelCount() const override { return 2; }
     QString name() const override { return QStringLiteral("Host Device"); }
 
-    std::atomic<int> m_opens{0};
-    std::atomic<int> m_reads{0};
+    std::atomic<int> m_opens{0}, m_reads{0};
 };
 
 class HostOutputDevice : public AudioOutputDevice
