@@ -16,18 +16,14 @@
 namespace quiltest {
 namespace faults {
 
-struct Armed
-{
-    long result;
-    int times, after;
-};
+struct Armed { long result; int times, after; };
 struct State
 {
     std::mutex mutex;
     std::map<std::string, Armed> armed;
     std::map<std::string, int> calls;
     std::map<std::string, std::any> hooks;
-    std::set<void*> handles;
+    std::set<void*> handles;   // PCM and mixer handles opened and not closed yet
 };
 inline State& state()
 {
@@ -62,38 +58,6 @@ inline int calls(const std::string& prefix)
     return total;
 }
 
-// Interposer internals.
-inline bool takeFailure(const char* function, long* result)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    ++state().calls[function];
-    auto it = state().armed.find(function);
-    if (it == state().armed.end() || it->second.times == 0)
-        return false;
-    Armed& armed = it->second;
-    if (armed.after > 0)
-        return --armed.after, false;
-    armed.times -= armed.times > 0 ? 1 : 0;
-    *result = armed.result;
-    return true;
-}
-
-inline void* realSymbol(const char* function)
-{
-    // The hw_params accessors exist in two symbol versions; the library links
-    // against the newer one.
-    if (void* versioned = dlvsym(RTLD_NEXT, function, "ALSA_0.9.0rc4"))
-        return versioned;
-    return dlsym(RTLD_NEXT, function);
-}
-
-inline void track(void* handle, bool open)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    open ? (void)state().handles.insert(handle) : (void)state().handles.erase(handle);
-}
-
-/// PCM and mixer handles opened through the library and not closed yet.
 inline int openHandles()
 {
     std::lock_guard<std::mutex> lock(state().mutex);
@@ -110,21 +74,32 @@ void setHook(const std::string& function, std::function<Signature> hook)
 }
 
 template <class Signature>
-std::function<Signature> hookFor(const char* function)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    auto it = state().hooks.find(function);
-    return it == state().hooks.end() ? std::function<Signature>() : std::any_cast<std::function<Signature>>(it->second);
-}
-
-template <class Signature>
 Signature* real(const char* function)
 {
-    return reinterpret_cast<Signature*>(realSymbol(function));
+    // The hw_params accessors exist in two symbol versions; the library links
+    // against the newer one.
+    void* versioned = dlvsym(RTLD_NEXT, function, "ALSA_0.9.0rc4");
+    return reinterpret_cast<Signature*>(versioned ? versioned : dlsym(RTLD_NEXT, function));
+}
+
+// Interposer internals: counts the call, and gives the armed failure or the hook.
+template <class Signature>
+bool takeFailure(const char* function, long* result, std::function<Signature>* hook = nullptr)
+{
+    std::lock_guard<std::mutex> lock(state().mutex);
+    ++state().calls[function];
+    auto found = state().hooks.find(function);
+    if (hook && found != state().hooks.end())
+        *hook = std::any_cast<std::function<Signature>>(found->second);
+    auto it = state().armed.find(function);
+    if (it == state().armed.end() || it->second.times == 0 || it->second.after-- > 0)
+        return false;
+    it->second.times -= it->second.times > 0 ? 1 : 0;
+    *result = it->second.result;
+    return true;
 }
 
 } // namespace faults
-
 } // namespace quiltest
 
 // Defines an interposer: armed failure first, then a hook, else the real call.
@@ -132,35 +107,31 @@ Signature* real(const char* function)
     extern "C" Ret name Params                                                                   \
     {                                                                                            \
         long armedResult = 0;                                                                    \
-        if (quiltest::faults::takeFailure(#name, &armedResult))                                  \
+        std::function<Ret Params> hook;                                                          \
+        if (quiltest::faults::takeFailure(#name, &armedResult, &hook))                           \
             return (Ret)armedResult;                                                             \
-        if (auto hook = quiltest::faults::hookFor<Ret Params>(#name))                            \
-            return hook Args;                                                                    \
         static auto* realFunction = quiltest::faults::real<Ret Params>(#name);                   \
-        return realFunction Args;                                                                \
+        return hook ? hook Args : realFunction Args;                                             \
     }
 
 // Defines open and close of a handle type (snd_pcm, snd_mixer) that also keep
-// the count of live handles that leak checks read. An injected close failure
-// still releases the handle.
+// the set of live handles that leak checks read.
 #define QUIL_INTERPOSE_OPEN_CLOSE(Handle, open, close, Params, Args)                               \
     extern "C" int open Params                                                                   \
     {                                                                                            \
         long armedResult = 0;                                                                    \
-        if (quiltest::faults::takeFailure(#open, &armedResult))                                  \
+        if (quiltest::faults::takeFailure<void()>(#open, &armedResult))                          \
             return static_cast<int>(armedResult);                                                \
-        static auto* realOpen = quiltest::faults::real<int Params>(#open);                       \
-        const int result = realOpen Args;                                                        \
+        const int result = quiltest::faults::real<int Params>(#open) Args;                       \
+        std::lock_guard<std::mutex> lock(quiltest::faults::state().mutex);                       \
         if (result >= 0)                                                                         \
-            quiltest::faults::track(*handle, true);                                              \
+            quiltest::faults::state().handles.insert(*handle);                                   \
         return result;                                                                           \
     }                                                                                            \
     extern "C" int close(Handle* handle)                                                         \
     {                                                                                            \
-        long armedResult = 0;                                                                    \
-        const bool fail = quiltest::faults::takeFailure(#close, &armedResult);                   \
-        static auto* realClose = quiltest::faults::real<int(Handle*)>(#close);                   \
-        quiltest::faults::track(handle, false);                                                  \
-        const int result = realClose(handle);                                                    \
-        return fail ? static_cast<int>(armedResult) : result;                                    \
+        std::unique_lock<std::mutex> lock(quiltest::faults::state().mutex);                      \
+        quiltest::faults::state().handles.erase(handle);                                         \
+        lock.unlock();                                                                           \
+        return quiltest::faults::real<int(Handle*)>(#close)(handle);                             \
     }

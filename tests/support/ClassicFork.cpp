@@ -16,8 +16,7 @@
 // keeps their layout whatever the call's own count.
 extern "C" long syscall(long number, ...)
 {
-    using SyscallFunction = long (*)(long, ...);
-    static const auto realSyscall = reinterpret_cast<SyscallFunction>(dlsym(RTLD_NEXT, "syscall"));
+    static const auto realSyscall = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
     static const bool emulated = std::getenv("QUIL_TEST_EMULATOR") && *std::getenv("QUIL_TEST_EMULATOR");
     va_list list;
     va_start(list, number);
@@ -25,8 +24,7 @@ extern "C" long syscall(long number, ...)
     for (long& arg : args)
         arg = va_arg(list, long);
     va_end(list);
-    constexpr long PidfdIdType = 3; // P_PIDFD
-    if (number == __NR_waitid && args[0] == PidfdIdType && emulated) {
+    if (number == __NR_waitid && args[0] == 3 /* P_PIDFD */ && emulated) {
         errno = EINVAL;
         return -1;
     }

@@ -15,7 +15,6 @@
 #include <alsa/control_external.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -49,9 +48,7 @@ static const unsigned int db_tlv[] = { SND_CTL_TLVT_DB_SCALE, 2 * sizeof(unsigne
 
 struct state {
 	snd_ctl_ext_t ext;
-	int pollerr, dead, count;
-	char buf[4096]; // FIFO text not yet run as commands
-	size_t len;
+	int dead, count;
 	struct ctl ctls[];
 };
 #define S(ext) ((struct state *)(ext)->private_data)
@@ -68,9 +65,7 @@ static void fill_id(struct state *s, unsigned int k, snd_ctl_elem_id_t *id)
 
 static int elem_list(snd_ctl_ext_t *ext, unsigned int offset, snd_ctl_elem_id_t *id)
 {
-	if (offset >= (unsigned int)S(ext)->count)
-		return -EINVAL;
-	fill_id(S(ext), offset, id);
+	fill_id(S(ext), offset, id); // ALSA asks below elem_count() only
 	return 0;
 }
 
@@ -84,10 +79,7 @@ static snd_ctl_ext_key_t lookup(struct state *s, const char *name)
 
 static snd_ctl_ext_key_t find_elem(snd_ctl_ext_t *ext, const snd_ctl_elem_id_t *id)
 {
-	unsigned int numid = snd_ctl_elem_id_get_numid(id);
-	if (numid > 0 && numid <= (unsigned int)S(ext)->count)
-		return numid - 1;
-	return snd_ctl_elem_id_get_index(id) ? SND_CTL_EXT_KEY_NOT_FOUND : lookup(S(ext), snd_ctl_elem_id_get_name(id));
+	return lookup(S(ext), snd_ctl_elem_id_get_name(id)); // the mixer always names the element
 }
 
 static int get_attribute(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, int *type, unsigned int *acc, unsigned int *count)
@@ -113,9 +105,7 @@ static int get_enumerated_info(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, unsign
 
 static int get_enumerated_name(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, unsigned int item, char *name, size_t max)
 {
-	if (item > (unsigned int)C(ext, key)->max)
-		return -EINVAL;
-	snprintf(name, max, "%s", sources[item]);
+	snprintf(name, max, "%s", item <= (unsigned int)C(ext, key)->max ? sources[item] : "");
 	return 0;
 }
 
@@ -143,9 +133,6 @@ static int read_enumerated(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, unsigned i
 
 static int write_integer(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, long *value)
 {
-	for (int i = 0; i < C(ext, key)->channels; i++)
-		if (value[i] < 0 || value[i] > C(ext, key)->max)
-			return -EINVAL;
 	memcpy(C(ext, key)->value, value, C(ext, key)->channels * sizeof(long));
 	return 0;
 }
@@ -154,12 +141,6 @@ static int write_enumerated(snd_ctl_ext_t *ext, snd_ctl_ext_key_t key, unsigned 
 {
 	long v = *items;
 	return write_integer(ext, key, &v);
-}
-
-static int poll_revents(snd_ctl_ext_t *ext, struct pollfd *pfds, unsigned int nfds, unsigned short *revents)
-{
-	*revents = S(ext)->pollerr ? POLLERR : (nfds ? pfds[0].revents : 0);
-	return 0;
 }
 
 // snd_mixer_poll_descriptors_revents looks at pfds[].revents only and never
@@ -182,8 +163,8 @@ static int run_command(struct state *s, char *line, snd_ctl_elem_id_t *id, unsig
 	snd_ctl_ext_key_t key = SND_CTL_EXT_KEY_NOT_FOUND;
 	if (!strcmp(line, "pollerr") && pipe2(p, O_CLOEXEC | O_NONBLOCK) == 0) {
 		close(p[0]); // a write end without readers polls POLLERR
-		replace_fd(s, p[1]);
-		return s->pollerr = 1, 0;
+		replace_fd(s, p[1]); // read_event's reads of it fail from now on
+		return 0;
 	}
 	if (!strcmp(line, "dead")) {
 		replace_fd(s, eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK)); // readable until read
@@ -208,27 +189,20 @@ static int run_command(struct state *s, char *line, snd_ctl_elem_id_t *id, unsig
 
 static int read_event(snd_ctl_ext_t *ext, snd_ctl_elem_id_t *id, unsigned int *event_mask)
 {
-	struct state *s = S(ext);
-	for (;;) {
-		char *nl = memchr(s->buf, '\n', s->len);
-		if (s->dead)
-			return -EIO;
-		if (!nl) {
-			if (s->len == sizeof(s->buf))
-				s->len = 0; // an overlong line is garbage anyway
-			ssize_t n = s->pollerr ? 0 : read(ext->poll_fd, s->buf + s->len, sizeof(s->buf) - s->len);
-			if (n <= 0)
-				return -EAGAIN;
-			s->len += n;
+	// A line written at once is read whole: FIFO writes up to PIPE_BUF are atomic.
+	char line[256];
+	size_t len = 0;
+	while (!S(ext)->dead) {
+		if (read(ext->poll_fd, line + len, 1) != 1)
+			return -EAGAIN;
+		if (line[len] != '\n' && ++len < sizeof(line))
 			continue;
-		}
-		*nl = '\0';
-		int event = run_command(s, s->buf, id, event_mask);
-		s->len -= nl + 1 - s->buf;
-		memmove(s->buf, nl + 1, s->len);
-		if (event)
+		line[len < sizeof(line) ? len : len - 1] = '\0';
+		len = 0;
+		if (run_command(S(ext), line, id, event_mask))
 			return 1;
 	}
+	return -EIO;
 }
 
 static void close_ctl(snd_ctl_ext_t *ext)
@@ -242,27 +216,23 @@ static const snd_ctl_ext_callback_t callbacks = {
 	.get_attribute = get_attribute, .get_integer_info = get_integer_info,
 	.get_enumerated_info = get_enumerated_info, .get_enumerated_name = get_enumerated_name,
 	.read_integer = read_integer, .read_enumerated = read_enumerated, .write_integer = write_integer,
-	.write_enumerated = write_enumerated, .read_event = read_event, .poll_revents = poll_revents,
+	.write_enumerated = write_enumerated, .read_event = read_event,
 };
 
 SND_CTL_PLUGIN_DEFINE_FUNC(testmix)
 {
-	snd_config_iterator_t i, next;
-	const char *fifo = NULL, *key;
+	snd_config_t *n;
+	const char *fifo = NULL;
 	long extra = 0;
 	int err;
 	(void)root;
-	snd_config_for_each(i, next, conf) {
-		snd_config_t *n = snd_config_iterator_entry(i);
-		if (snd_config_get_id(n, &key) < 0 || !strcmp(key, "comment") || !strcmp(key, "type") || !strcmp(key, "hint")
-		    || (!strcmp(key, "fifo") && snd_config_get_string(n, &fifo) >= 0)
-		    || (!strcmp(key, "extra") && snd_config_get_integer(n, &extra) >= 0 && extra >= 0 && extra <= 1000))
-			continue;
-		SNDERR("testmix: bad or unknown field %s", key);
+	if (snd_config_search(conf, "fifo", &n) < 0 || snd_config_get_string(n, &fifo) < 0
+	    || (snd_config_search(conf, "extra", &n) >= 0 && snd_config_get_integer(n, &extra) < 0) || extra < 0 || extra > 1000) {
+		SNDERR("testmix: needs a fifo string and an extra count 0..1000");
 		return -EINVAL;
 	}
-	if (!fifo || (mkfifo(fifo, 0600) < 0 && errno != EEXIST))
-		return fifo ? -errno : -EINVAL;
+	if (mkfifo(fifo, 0600) < 0 && errno != EEXIST)
+		return -errno;
 	struct state *s = calloc(1, sizeof(*s) + (NBASE + extra) * sizeof(struct ctl));
 	if (!s)
 		return -ENOMEM;
