@@ -60,10 +60,7 @@ void free(void* pointer)
 
 namespace quilbench {
 
-void countAllocations(bool on)
-{
-    s_counting.store(on, std::memory_order_relaxed);
-}
+void countAllocations(bool on) { s_counting.store(on, std::memory_order_relaxed); }
 
 AllocationCount allocationCount()
 {

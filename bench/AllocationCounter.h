@@ -7,8 +7,7 @@
 
 namespace quilbench {
 
-struct AllocationCount
-{
+struct AllocationCount {
     std::int64_t allocations = 0;
     std::int64_t releases = 0;
 };

@@ -49,8 +49,7 @@ QString captureFile()
     return path;
 }
 
-struct PcmCloser
-{
+struct PcmCloser {
     void operator()(snd_pcm_t* pcm) const { snd_pcm_close(pcm); }
 };
 using BarePcm = std::unique_ptr<snd_pcm_t, PcmCloser>;
@@ -68,14 +67,13 @@ BarePcm openBarePcm(const QString& name, snd_pcm_stream_t stream, snd_pcm_uframe
     snd_pcm_hw_params_alloca(&hw);
     snd_pcm_sw_params_t* sw = nullptr;
     snd_pcm_sw_params_alloca(&sw);
-    const bool configured = snd_pcm_hw_params_any(raw, hw) >= 0
-        && snd_pcm_hw_params_set_access(raw, hw, SND_PCM_ACCESS_RW_INTERLEAVED) >= 0
+    const bool configured =
+        snd_pcm_hw_params_any(raw, hw) >= 0 && snd_pcm_hw_params_set_access(raw, hw, SND_PCM_ACCESS_RW_INTERLEAVED) >= 0
         && snd_pcm_hw_params_set_format(raw, hw, SND_PCM_FORMAT_S16_LE) >= 0
         && snd_pcm_hw_params_set_channels(raw, hw, Channels) >= 0
         && snd_pcm_hw_params_set_rate(raw, hw, SampleRate, 0) >= 0
         && snd_pcm_hw_params_set_period_size_near(raw, hw, &periodFrames, nullptr) >= 0
-        && snd_pcm_hw_params_set_buffer_size_near(raw, hw, &bufferFrames) >= 0
-        && snd_pcm_hw_params(raw, hw) >= 0
+        && snd_pcm_hw_params_set_buffer_size_near(raw, hw, &bufferFrames) >= 0 && snd_pcm_hw_params(raw, hw) >= 0
         && snd_pcm_sw_params_current(raw, sw) >= 0
         && (startThreshold == 0 || snd_pcm_sw_params_set_start_threshold(raw, sw, startThreshold) >= 0)
         && snd_pcm_sw_params(raw, sw) >= 0;
@@ -87,10 +85,12 @@ BarePcm openBarePcm(const QString& name, snd_pcm_stream_t stream, snd_pcm_uframe
 // the load of a shared machine falls on both alike and time spent in other
 // processes is not counted. The iteration time reported is the library's;
 // the counters give both per block and their ratio.
-class SideBySide
-{
+class SideBySide {
 public:
-    explicit SideBySide(benchmark::State& state) : m_state(state) {}
+    explicit SideBySide(benchmark::State& state)
+        : m_state(state)
+    {
+    }
     ~SideBySide()
     {
         const double blocks = static_cast<double>(m_state.iterations()) * PassBlocks;
@@ -100,8 +100,7 @@ public:
         m_state.SetItemsProcessed(static_cast<int64_t>(blocks));
     }
 
-    template <class LibraryPass, class BarePass>
-    void run(const LibraryPass& libraryPass, const BarePass& barePass)
+    template <class LibraryPass, class BarePass> void run(const LibraryPass& libraryPass, const BarePass& barePass)
     {
         const std::chrono::nanoseconds before = m_library;
         if (m_libraryFirst) {
@@ -123,8 +122,7 @@ private:
         return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
     }
 
-    template <class Pass>
-    static void timed(const Pass& pass, std::chrono::nanoseconds* total)
+    template <class Pass> static void timed(const Pass& pass, std::chrono::nanoseconds* total)
     {
         const std::chrono::nanoseconds start = threadCpuTime();
         for (int i = 0; i < PassBlocks; ++i)
@@ -192,10 +190,7 @@ BENCHMARK(BM_PlaybackWriteAgainstBare)->UseManualTime();
 
 // The test mixer with 200 volume controls besides its usual ones, on a FIFO
 // of this process's own.
-QString bigMixerName()
-{
-    return "testmix:FIFO=" + scratchDir().filePath("mixer.fifo") + ",EXTRA=200";
-}
+QString bigMixerName() { return "testmix:FIFO=" + scratchDir().filePath("mixer.fifo") + ",EXTRA=200"; }
 
 const QString SoughtElement = QStringLiteral("Extra 199");
 

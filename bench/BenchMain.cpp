@@ -11,9 +11,7 @@
 #include <log4cplus/logger.h>
 #include <log4cplus/nullappender.h>
 
-static void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...)
-{
-}
+static void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...) {}
 
 int main(int argc, char** argv)
 {

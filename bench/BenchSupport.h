@@ -22,8 +22,7 @@ constexpr int BlockBytes = BlockFrames * Channels * BytesPerSample;
 // Every read returns a block at once, so a capture run goes as fast as the
 // provider distributes. A shared block costs the read one reference; a fresh
 // one is allocated and filled per read, as a real device's read is.
-class UnpacedInputDevice : public AudioInputDevice
-{
+class UnpacedInputDevice : public AudioInputDevice {
 public:
     enum Blocks { SharedBlocks, FreshBlocks };
 

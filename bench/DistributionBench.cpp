@@ -36,7 +36,7 @@ void BM_Distribution(benchmark::State& state)
         feeds.last().onDataAvailable([](const QByteArray&) {});
     }
     worker.start();
-    QCoreApplication::processEvents();   // the whole capture run
+    QCoreApplication::processEvents(); // the whole capture run
 
     state.SetBytesProcessed(state.iterations() * BlockBytes);
     state.counters["per_consumer"] =

@@ -47,26 +47,29 @@ int main(int argc, char** argv)
     });
     QTimer::singleShot(500 + runMs, [&] {
         if (provider->captureStatus().state != quil::CaptureState::Running)
-            return app.quit();   // the PCM did not open, or a read failed
+            return app.quit(); // the PCM did not open, or a read failed
         // stop() finishes every feed once the run has ended, the live one for good.
-        feed.onFinished([&](const CMError&) {   // on "AudioInputT"
-            QMetaObject::invokeMethod(&app, [&] {
-                std::printf("first run: %lld ms of audio, %d ms of it pre-roll\n",
-                            received.load() * 1000 / (Rate * FrameBytes), PreRollMs);
-                received = 0;
-                // A restarted capture is read through a new feed; offset 0: no past audio.
-                provider->start();
-                feed = provider->liveFeedWithOffset(0);
-                feed.onDataAvailable(consume);
-                QTimer::singleShot(500, &app, &QCoreApplication::quit);
-            }, Qt::QueuedConnection);
+        feed.onFinished([&](const CMError&) { // on "AudioInputT"
+            QMetaObject::invokeMethod(
+                &app,
+                [&] {
+                    std::printf("first run: %lld ms of audio, %d ms of it pre-roll\n",
+                                received.load() * 1000 / (Rate * FrameBytes), PreRollMs);
+                    received = 0;
+                    // A restarted capture is read through a new feed; offset 0: no past audio.
+                    provider->start();
+                    feed = provider->liveFeedWithOffset(0);
+                    feed.onDataAvailable(consume);
+                    QTimer::singleShot(500, &app, &QCoreApplication::quit);
+                },
+                Qt::QueuedConnection);
         });
         provider->stop();
     });
     app.exec();
 
     const quil::CaptureStatus status = provider->captureStatus();
-    provider.reset();   // stops, finishes the feed, closes the PCM, ends "AudioInputT"
+    provider.reset(); // stops, finishes the feed, closes the PCM, ends "AudioInputT"
     QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     if (!status.errorString.isEmpty()) {

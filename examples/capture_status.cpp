@@ -29,26 +29,25 @@ int main(int argc, char** argv)
     AlsaInputDevice mic(pcm, 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
     quil::CaptureStatus failure;
     {
-        AudioInputDataProvider provider(&mic, 0, 960);   // no ring: live feed only
+        AudioInputDataProvider provider(&mic, 0, 960); // no ring: live feed only
         // Runs on "AudioInputT" at every change: keep it short, never destroy the provider here.
         provider.setCaptureStatusListener([&](const quil::CaptureStatus& status) {
             static const char* const names[] = {"stopped", "running", "restarting"};
-            std::printf("capture %s (restarts %d)%s%s\n", names[static_cast<int>(status.state)],
-                        status.restartCount, status.errorString.isEmpty() ? "" : ": ",
-                        qPrintable(status.errorString));
+            std::printf("capture %s (restarts %d)%s%s\n", names[static_cast<int>(status.state)], status.restartCount,
+                        status.errorString.isEmpty() ? "" : ": ", qPrintable(status.errorString));
             if (!status.errorString.isEmpty())
                 failure = status;
             if (status.state == quil::CaptureState::Stopped)
                 QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
         });
-        qint64 bytes = 0;   // the live feed's handler runs on "AudioInputT" only
+        qint64 bytes = 0; // the live feed's handler runs on "AudioInputT" only
         CMUnbufferedDataTransfer live = provider.liveFeed();
         live.onDataAvailable([&bytes](const QByteArray& block) { bytes += block.size(); });
         provider.start();
-        QTimer::singleShot(seconds * 1000, [&provider] { provider.stop(); });   // finishes the live feed for good
+        QTimer::singleShot(seconds * 1000, [&provider] { provider.stop(); }); // finishes the live feed for good
         app.exec();
         std::printf("live feed: %lld bytes\n", bytes);
-    }   // destroying the provider waits for "AudioInputT"
+    } // destroying the provider waits for "AudioInputT"
     QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     return failure.errorString.isEmpty() ? 0 : 1;

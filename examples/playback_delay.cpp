@@ -31,13 +31,12 @@ int main(int argc, char** argv)
     // 20 ms periods in a 200 ms buffer; playing starts once 40 ms are queued.
     AlsaOutputDevice speaker(pcm, Rate, 2, SND_PCM_FORMAT_S16_LE, 20, 200);
     speaker.setStartThresholdMs(40);
-    speaker.enableTstamp();   // delay() then also tells the age of its figure
+    speaker.enableTstamp(); // delay() then also tells the age of its figure
     if (!speaker.open()) {
         std::fprintf(stderr, "cannot open '%s': %s\n", qPrintable(pcm), qPrintable(speaker.errorString()));
         return 1;
     }
-    std::printf("'%s': period %u ms, buffer %u ms\n", qPrintable(pcm), speaker.periodTimeMs(),
-                speaker.bufferTimeMs());
+    std::printf("'%s': period %u ms, buffer %u ms\n", qPrintable(pcm), speaker.periodTimeMs(), speaker.bufferTimeMs());
 
     QByteArray block(BlockFrames * 4, Qt::Uninitialized);
     auto* samples = reinterpret_cast<qint16*>(block.data());
@@ -54,7 +53,7 @@ int main(int argc, char** argv)
             std::printf("xrun: %s\n", qPrintable(speaker.errorString()));
         if (n % 10 == 9) {
             int64_t ageUs = 0;
-            const int frames = speaker.delay(&ageUs);   // -1: no status
+            const int frames = speaker.delay(&ageUs); // -1: no status
             std::printf("delay %d frames (%.1f ms), measured %lld us ago\n", frames, frames * 1000.0 / Rate,
                         static_cast<long long>(ageUs));
         }

@@ -76,8 +76,7 @@ int main(int argc, char** argv)
     const bool exact = output.open(QIODevice::ReadOnly) && output.readAll().left(input.size()) == input;
     // The mixer classes link too; the card is not opened, as a build machine may have none.
     AlsaCard card(QString::fromLatin1(AlsaCard::DefaultName), false);
-    std::printf("quil_audio example: %d bytes through the capture provider, copy %s; card '%s' (%s)\n",
-                copied.load(), exact ? "exact" : "DIFFERS", qPrintable(card.name()),
-                AlsaCard::staticMetaObject.className());
+    std::printf("quil_audio example: %d bytes through the capture provider, copy %s; card '%s' (%s)\n", copied.load(),
+                exact ? "exact" : "DIFFERS", qPrintable(card.name()), AlsaCard::staticMetaObject.className());
     return exact ? 0 : 1;
 }

@@ -15,13 +15,9 @@ namespace quilaudio {
 
 namespace {
 
-bool isStdio(const QString& path)
-{
-    return path == QLatin1String("-");
-}
+bool isStdio(const QString& path) { return path == QLatin1String("-"); }
 
-struct FileType
-{
+struct FileType {
     const char* name;
     int sfFormat;
     const char* extensions;
@@ -30,26 +26,21 @@ struct FileType
 // -t names as the ALSA utilities spell them; "wav" writes RF64 once the file
 // passes 4 GiB and plain WAV otherwise.
 const FileType FileTypes[] = {
-    {"raw", SF_FORMAT_RAW, "raw"},
-    {"wav", SF_FORMAT_RF64, "wav"},
-    {"rf64", SF_FORMAT_RF64, "rf64"},
-    {"w64", SF_FORMAT_W64, "w64"},
-    {"flac", SF_FORMAT_FLAC, "flac"},
-    {"ogg", SF_FORMAT_OGG, "ogg oga"},
+    {"raw", SF_FORMAT_RAW, "raw"},  {"wav", SF_FORMAT_RF64, "wav"},   {"rf64", SF_FORMAT_RF64, "rf64"},
+    {"w64", SF_FORMAT_W64, "w64"},  {"flac", SF_FORMAT_FLAC, "flac"}, {"ogg", SF_FORMAT_OGG, "ogg oga"},
     {"au", SF_FORMAT_AU, "au snd"},
 };
 
 // libsndfile's sample encodings that ALSA names; the rest (Vorbis, ADPCM, ...)
 // can only be read converted.
-struct Encoding
-{
+struct Encoding {
     int subtype;
     snd_pcm_format_t format;
 };
 const Encoding Encodings[] = {
-    {SF_FORMAT_PCM_S8, SND_PCM_FORMAT_S8}, {SF_FORMAT_PCM_U8, SND_PCM_FORMAT_U8},
-    {SF_FORMAT_PCM_16, SND_PCM_FORMAT_S16}, {SF_FORMAT_PCM_24, SND_PCM_FORMAT_S24_3LE},
-    {SF_FORMAT_PCM_32, SND_PCM_FORMAT_S32}, {SF_FORMAT_FLOAT, SND_PCM_FORMAT_FLOAT},
+    {SF_FORMAT_PCM_S8, SND_PCM_FORMAT_S8},      {SF_FORMAT_PCM_U8, SND_PCM_FORMAT_U8},
+    {SF_FORMAT_PCM_16, SND_PCM_FORMAT_S16},     {SF_FORMAT_PCM_24, SND_PCM_FORMAT_S24_3LE},
+    {SF_FORMAT_PCM_32, SND_PCM_FORMAT_S32},     {SF_FORMAT_FLOAT, SND_PCM_FORMAT_FLOAT},
     {SF_FORMAT_DOUBLE, SND_PCM_FORMAT_FLOAT64},
 };
 
@@ -82,10 +73,7 @@ int rawCarrier(snd_pcm_format_t format)
 
 } // namespace
 
-AudioFile::~AudioFile()
-{
-    close();
-}
+AudioFile::~AudioFile() { close(); }
 
 bool AudioFile::setType(const QString& path, const QString& typeName)
 {
@@ -102,18 +90,21 @@ bool AudioFile::setType(const QString& path, const QString& typeName)
             return true;
         }
     }
-    return refuse(&m_error, byName ? QStringLiteral("unknown file type '%1' (raw, wav, rf64, w64, flac, ogg or au)").arg(typeName)
-                    : QStringLiteral("unknown file type '.%1' of '%2' (give -t raw, wav, rf64, w64, flac, ogg or au)")
-                          .arg(suffix, path));
+    return refuse(&m_error,
+                  byName
+                      ? QStringLiteral("unknown file type '%1' (raw, wav, rf64, w64, flac, ogg or au)").arg(typeName)
+                      : QStringLiteral("unknown file type '.%1' of '%2' (give -t raw, wav, rf64, w64, flac, ogg or au)")
+                            .arg(suffix, path));
 }
 
 bool AudioFile::open(const QString& path, int mode, SF_INFO* info)
 {
     m_path = path;
     const bool reading = mode == SFM_READ;
-    const int fd = isStdio(path) ? (reading ? STDIN_FILENO : STDOUT_FILENO)
-                                 : ::open(QFile::encodeName(path).constData(),
-                                          reading ? O_RDONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int fd = isStdio(path)
+                       ? (reading ? STDIN_FILENO : STDOUT_FILENO)
+                       : ::open(QFile::encodeName(path).constData(),
+                                reading ? O_RDONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         m_error = QStringLiteral("cannot open '%1': %2").arg(path, qt_error_string(errno));
         return false;
@@ -129,8 +120,12 @@ bool AudioFile::openForReading(const QString& path, const QString& typeName, con
     m_layout = layout;
     SF_INFO info{};
     if (isRaw())
-        info = {0, static_cast<int>(layout.rate), static_cast<int>(layout.channels),
-                SF_FORMAT_RAW | rawCarrier(layout.format), 0, 0};
+        info = {0,
+                static_cast<int>(layout.rate),
+                static_cast<int>(layout.channels),
+                SF_FORMAT_RAW | rawCarrier(layout.format),
+                0,
+                0};
     if (!open(path, SFM_READ, &info))
         return false;
     if (isRaw()) {
@@ -163,8 +158,9 @@ bool AudioFile::openForWriting(const QString& path, const QString& typeName, con
     m_layout = layout;
     m_ioFormat = layout.format;
     m_frameBytes = static_cast<int>(snd_pcm_format_size(layout.format, layout.channels));
-    const int subtype = isRaw() ? rawCarrier(layout.format)
-        : m_sfFormat == SF_FORMAT_OGG ? SF_FORMAT_VORBIS : subtypeOfFormat(layout.format);
+    const int subtype = isRaw()                       ? rawCarrier(layout.format)
+                        : m_sfFormat == SF_FORMAT_OGG ? SF_FORMAT_VORBIS
+                                                      : subtypeOfFormat(layout.format);
     SF_INFO info{0, static_cast<int>(layout.rate), static_cast<int>(layout.channels), m_sfFormat | subtype, 0, 0};
     if (subtype == 0 || !sf_format_check(&info)) {
         m_error = QStringLiteral("cannot write %1 samples into a %2 file")
@@ -185,11 +181,21 @@ bool AudioFile::read(int frames, QByteArray* block)
     char* data = block->data();
     sf_count_t done = 0;
     switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
-    case SND_PCM_FORMAT_UNKNOWN: done = sf_read_raw(m_file, data, block->size()) / m_frameBytes; break; // a partial last frame is dropped
-    case SND_PCM_FORMAT_S16: done = sf_readf_short(m_file, reinterpret_cast<short*>(data), frames); break;
-    case SND_PCM_FORMAT_S32: done = sf_readf_int(m_file, reinterpret_cast<int*>(data), frames); break;
-    case SND_PCM_FORMAT_FLOAT: done = sf_readf_float(m_file, reinterpret_cast<float*>(data), frames); break;
-    default: done = sf_readf_double(m_file, reinterpret_cast<double*>(data), frames); break;
+    case SND_PCM_FORMAT_UNKNOWN:
+        done = sf_read_raw(m_file, data, block->size()) / m_frameBytes;
+        break; // a partial last frame is dropped
+    case SND_PCM_FORMAT_S16:
+        done = sf_readf_short(m_file, reinterpret_cast<short*>(data), frames);
+        break;
+    case SND_PCM_FORMAT_S32:
+        done = sf_readf_int(m_file, reinterpret_cast<int*>(data), frames);
+        break;
+    case SND_PCM_FORMAT_FLOAT:
+        done = sf_readf_float(m_file, reinterpret_cast<float*>(data), frames);
+        break;
+    default:
+        done = sf_readf_double(m_file, reinterpret_cast<double*>(data), frames);
+        break;
     }
     block->resize(static_cast<int>(done) * m_frameBytes);
     return sf_error(m_file) == SF_ERR_NO_ERROR || fail("read");
@@ -201,11 +207,21 @@ bool AudioFile::write(const QByteArray& block)
     const char* data = block.constData();
     sf_count_t done = 0;
     switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
-    case SND_PCM_FORMAT_UNKNOWN: done = sf_write_raw(m_file, data, frames * m_frameBytes) / m_frameBytes; break;
-    case SND_PCM_FORMAT_S16: done = sf_writef_short(m_file, reinterpret_cast<const short*>(data), frames); break;
-    case SND_PCM_FORMAT_S32: done = sf_writef_int(m_file, reinterpret_cast<const int*>(data), frames); break;
-    case SND_PCM_FORMAT_FLOAT: done = sf_writef_float(m_file, reinterpret_cast<const float*>(data), frames); break;
-    case SND_PCM_FORMAT_FLOAT64: done = sf_writef_double(m_file, reinterpret_cast<const double*>(data), frames); break;
+    case SND_PCM_FORMAT_UNKNOWN:
+        done = sf_write_raw(m_file, data, frames * m_frameBytes) / m_frameBytes;
+        break;
+    case SND_PCM_FORMAT_S16:
+        done = sf_writef_short(m_file, reinterpret_cast<const short*>(data), frames);
+        break;
+    case SND_PCM_FORMAT_S32:
+        done = sf_writef_int(m_file, reinterpret_cast<const int*>(data), frames);
+        break;
+    case SND_PCM_FORMAT_FLOAT:
+        done = sf_writef_float(m_file, reinterpret_cast<const float*>(data), frames);
+        break;
+    case SND_PCM_FORMAT_FLOAT64:
+        done = sf_writef_double(m_file, reinterpret_cast<const double*>(data), frames);
+        break;
     default: {
         // 8 and 24-bit samples go to libsndfile as the top bits of 32-bit
         // ones, which it stores back at their own width without loss.
@@ -234,10 +250,11 @@ bool AudioFile::close()
 // Raw files fail as the system does; containers as libsndfile explains.
 bool AudioFile::fail(const char* action)
 {
-    const QString why = isRaw() && m_file ? qt_error_string(errno)
-                                          : QString::fromLocal8Bit(sf_strerror(m_file));
-    m_error = isRaw() ? QStringLiteral("cannot %1 '%2': %3").arg(QLatin1String(action), m_path, why)
-                      : QStringLiteral("cannot %1 '%2' as %3: %4").arg(QLatin1String(action), m_path, m_typeName.toUpper(), why);
+    const QString why = isRaw() && m_file ? qt_error_string(errno) : QString::fromLocal8Bit(sf_strerror(m_file));
+    m_error =
+        isRaw()
+            ? QStringLiteral("cannot %1 '%2': %3").arg(QLatin1String(action), m_path, why)
+            : QStringLiteral("cannot %1 '%2' as %3: %4").arg(QLatin1String(action), m_path, m_typeName.toUpper(), why);
     return false;
 }
 

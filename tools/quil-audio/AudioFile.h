@@ -13,12 +13,10 @@ namespace quilaudio {
 /// An audio file, or stdin and stdout ("-"), as a stream of interleaved
 /// frames, read and written through libsndfile: WAV, RF64, W64, FLAC, Ogg
 /// and AU files, and raw ones (no header, the frames as they are).
-class AudioFile
-{
+class AudioFile {
 public:
     /// The shape of the frames: a header's, or what the caller hands over.
-    struct Layout
-    {
+    struct Layout {
         unsigned int rate = 0;
         unsigned int channels = 0;
         /// SND_PCM_FORMAT_UNKNOWN for a file's samples that ALSA has no name for (Vorbis).

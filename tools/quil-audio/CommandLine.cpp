@@ -19,9 +19,12 @@ bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error)
     if (value == SND_PCM_FORMAT_UNKNOWN || width < 8)
         return refuse(error, QStringLiteral("unknown sample format '%1' (use an ALSA name such as S16_LE)").arg(name));
     if (width != snd_pcm_format_physical_width(value))
-        return refuse(error, QStringLiteral("sample format '%1' keeps %2 bits in %3 bytes, which the library cannot size;"
-                       " use a packed format such as S24_3LE or S32_LE")
-                       .arg(name).arg(width).arg(snd_pcm_format_physical_width(value) / 8));
+        return refuse(error,
+                      QStringLiteral("sample format '%1' keeps %2 bits in %3 bytes, which the library cannot size;"
+                                     " use a packed format such as S24_3LE or S32_LE")
+                          .arg(name)
+                          .arg(width)
+                          .arg(snd_pcm_format_physical_width(value) / 8));
     *format = value;
     return true;
 }
@@ -62,8 +65,8 @@ void printHelp(const QCommandLineParser& parser, const QString& program, FILE* s
     std::fputs(text.toLocal8Bit().constData(), stream);
 }
 
-bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
-                      int* status, const std::function<bool(QString* error)>& checkOptions)
+bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command, int* status,
+                      const std::function<bool(QString* error)>& checkOptions)
 {
     const QCommandLineOption help = parser.addHelpOption();
     parser.addOption({{QStringLiteral("v"), QStringLiteral("verbose")},
@@ -86,23 +89,27 @@ bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, 
     return true;
 }
 
-qint64 StreamOptions::durationFrames() const
-{
-    return durationS < 0 ? -1 : std::llround(durationS * rate);
-}
+qint64 StreamOptions::durationFrames() const { return durationS < 0 ? -1 : std::llround(durationS * rate); }
 
 void addStreamOptions(QCommandLineParser& parser, const char* usage, const char* fileHelp)
 {
     parser.setApplicationDescription(QString::fromLatin1(usage));
     parser.addPositionalArgument(QStringLiteral("file"), QString::fromLatin1(fileHelp), QStringLiteral("[file]"));
     parser.addOptions({
-        {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA PCM name (default)."),
-         QStringLiteral("name"), QStringLiteral("default")},
-        {{QStringLiteral("r"), QStringLiteral("rate")}, QStringLiteral("Sample rate in Hz (48000)."), QStringLiteral("hz")},
+        {{QStringLiteral("D"), QStringLiteral("device")},
+         QStringLiteral("ALSA PCM name (default)."),
+         QStringLiteral("name"),
+         QStringLiteral("default")},
+        {{QStringLiteral("r"), QStringLiteral("rate")},
+         QStringLiteral("Sample rate in Hz (48000)."),
+         QStringLiteral("hz")},
         {{QStringLiteral("c"), QStringLiteral("channels")}, QStringLiteral("Channel count (2)."), QStringLiteral("n")},
-        {{QStringLiteral("f"), QStringLiteral("format")}, QStringLiteral("Sample format by its ALSA name (S16_LE)."), QStringLiteral("format")},
+        {{QStringLiteral("f"), QStringLiteral("format")},
+         QStringLiteral("Sample format by its ALSA name (S16_LE)."),
+         QStringLiteral("format")},
         {{QStringLiteral("d"), QStringLiteral("duration")},
-         QStringLiteral("Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
+         QStringLiteral(
+             "Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
          QStringLiteral("seconds")},
         {{QStringLiteral("t"), QStringLiteral("file-type")},
          QStringLiteral("File type: raw, wav, rf64, w64, flac, ogg or au (default: by the file name's extension)."),
@@ -126,7 +133,8 @@ bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options,
     options->rate = static_cast<unsigned int>(rate);
     options->channels = static_cast<unsigned int>(channels);
     if (parser.isSet(QStringLiteral("duration")) && !(options->durationS > 0))
-        return refuse(error, QStringLiteral("--duration must be above 0, not %1").arg(parser.value(QStringLiteral("duration"))));
+        return refuse(
+            error, QStringLiteral("--duration must be above 0, not %1").arg(parser.value(QStringLiteral("duration"))));
     const QString format = parser.value(QStringLiteral("format"));
     return format.isEmpty() || parseFormat(format, &options->format, error);
 }
@@ -142,7 +150,8 @@ bool readFileArgument(const QCommandLineParser& parser, const QString& what, QSt
 {
     const QStringList positional = parser.positionalArguments();
     if (positional.size() > 1)
-        return refuse(error, QStringLiteral("one %1 file at most, got: %2").arg(what, positional.join(QLatin1Char(' '))));
+        return refuse(error,
+                      QStringLiteral("one %1 file at most, got: %2").arg(what, positional.join(QLatin1Char(' '))));
     *file = positional.value(0, QStringLiteral("-"));
     return true;
 }
@@ -156,13 +165,15 @@ bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min
     const qint64 number = parser.value(option).toLongLong(&ok);
     if (!ok || number < min || number > max)
         return refuse(error, QStringLiteral("--%1 must be a whole number from %2 to %3, not '%4'")
-                       .arg(option).arg(min).arg(max).arg(parser.value(option)));
+                                 .arg(option)
+                                 .arg(min)
+                                 .arg(max)
+                                 .arg(parser.value(option)));
     *value = static_cast<int>(number);
     return true;
 }
 
-bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& option, int* valueMs,
-                          QString* error)
+bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& option, int* valueMs, QString* error)
 {
     int us = 0;
     if (!readInt(parser, option, 1, 10000000, &us, error))

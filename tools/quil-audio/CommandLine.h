@@ -19,8 +19,8 @@ namespace quilaudio {
 /// ends a command cleanly is a success.
 enum ExitStatus {
     ExitOk = 0,
-    ExitFailed = 1,   ///< a device, file or element could not be used
-    ExitUsage = 2     ///< the command line itself is wrong
+    ExitFailed = 1, ///< a device, file or element could not be used
+    ExitUsage = 2 ///< the command line itself is wrong
 };
 
 /// Periods and buffer as the ALSA utilities choose them, a 500 ms buffer in
@@ -45,12 +45,11 @@ void printHelp(const QCommandLineParser& parser, const QString& program, FILE* s
 /// the command's own check of its options, if given. False when the command
 /// must end now with *status: after --help, or after reporting a parse error
 /// or the check's message.
-bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
-                      int* status, const std::function<bool(QString* error)>& checkOptions = {});
+bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command, int* status,
+                      const std::function<bool(QString* error)>& checkOptions = {});
 
 /// The stream every PCM command describes: -D, -r, -c, -f, -d and -t.
-struct StreamOptions
-{
+struct StreamOptions {
     QString device;
     unsigned int rate = 48000;
     unsigned int channels = 2;
@@ -88,8 +87,7 @@ bool readFileArgument(const QCommandLineParser& parser, const QString& what, QSt
 /// the option when its value is not acceptable.
 bool readInt(const QCommandLineParser& parser, const QString& option, qint64 min, qint64 max, int* value,
              QString* error);
-bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& option, int* valueMs,
-                          QString* error);
+bool readMicrosecondsAsMs(const QCommandLineParser& parser, const QString& option, int* valueMs, QString* error);
 bool readDouble(const QCommandLineParser& parser, const QString& option, double* value, QString* error);
 
 } // namespace quilaudio

@@ -10,9 +10,7 @@ namespace quilaudio {
 
 namespace {
 
-void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...)
-{
-}
+void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...) {}
 
 } // namespace
 

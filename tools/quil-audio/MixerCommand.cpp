@@ -19,17 +19,16 @@ namespace {
 const QString Command = QStringLiteral("mixer");
 constexpr int StopPollMs = 50;
 
-const char* const Usage =
-    "Reads and changes the simple-mixer elements of an ALSA mixer device:\n"
-    "  list                 every element with its controls and current values\n"
-    "  get NAME             one element\n"
-    "  set NAME OPTION...   change it (--db, --volume, --switch, --enum), then show it\n"
-    "  watch [NAME...]      show the elements (all by default), then every change until\n"
-    "                       Ctrl-C or --count changes\n"
-    "NAME is matched as the library matches it: the exact name, else the first element\n"
-    "whose name contains it, ignoring case. A control is changed on the playback side\n"
-    "when the element has it there, else on the capture side, unless --playback or\n"
-    "--capture says which.";
+const char* const Usage = "Reads and changes the simple-mixer elements of an ALSA mixer device:\n"
+                          "  list                 every element with its controls and current values\n"
+                          "  get NAME             one element\n"
+                          "  set NAME OPTION...   change it (--db, --volume, --switch, --enum), then show it\n"
+                          "  watch [NAME...]      show the elements (all by default), then every change until\n"
+                          "                       Ctrl-C or --count changes\n"
+                          "NAME is matched as the library matches it: the exact name, else the first element\n"
+                          "whose name contains it, ignoring case. A control is changed on the playback side\n"
+                          "when the element has it there, else on the capture side, unless --playback or\n"
+                          "--capture says which.";
 
 QString describeSide(AlsaMixerElement& element, AlsaElementMode mode)
 {
@@ -49,7 +48,8 @@ QString describeSide(AlsaMixerElement& element, AlsaElementMode mode)
         parts << (on ? QStringLiteral("switch on") : QStringLiteral("switch off"));
     if (parts.isEmpty())
         return QString();
-    return (mode == Playback ? QStringLiteral("playback: ") : QStringLiteral("capture: ")) + parts.join(QStringLiteral(", "));
+    return (mode == Playback ? QStringLiteral("playback: ") : QStringLiteral("capture: "))
+           + parts.join(QStringLiteral(", "));
 }
 
 QStringList enumItems(AlsaMixerElement& element)
@@ -76,41 +76,44 @@ QString describe(AlsaMixerElement& element)
     unsigned int item = 0;
     if (element.isEnumerated() && element.getEnum(&item)) {
         const QStringList items = enumItems(element);
-        parts << QStringLiteral("item '%1' of %2").arg(items.value(static_cast<int>(item)), items.join(QLatin1Char('|')));
+        parts
+            << QStringLiteral("item '%1' of %2").arg(items.value(static_cast<int>(item)), items.join(QLatin1Char('|')));
     }
     if (parts.isEmpty())
         parts << QStringLiteral("no controls");
     return QStringLiteral("'%1' %2").arg(element.name(), parts.join(QStringLiteral("; ")));
 }
 
-QString because(const QString& why)
-{
-    return why.isEmpty() ? QString() : QStringLiteral(": ") + why;
-}
+QString because(const QString& why) { return why.isEmpty() ? QString() : QStringLiteral(": ") + why; }
 
 /// `quil-audio mixer`: lists, reads, changes and watches simple-mixer
 /// elements through AlsaCard, on the calling thread, whose event loop
 /// delivers the elements' changed() signals while watching.
-class MixerCommand
-{
+class MixerCommand {
 public:
     int run(const QStringList& arguments)
     {
         QCommandLineParser parser;
         parser.setApplicationDescription(QString::fromLatin1(Usage));
         parser.addOptions({
-            {{QStringLiteral("D"), QStringLiteral("device")}, QStringLiteral("ALSA mixer device name."),
-             QStringLiteral("name"), QString::fromLatin1(AlsaCard::DefaultName)},
-            {QStringLiteral("db"), QStringLiteral("set: gain in dB (the nearest value at or below it)."), QStringLiteral("dB")},
-            {QStringLiteral("volume"), QStringLiteral("set: raw volume, or N% of the element's range."), QStringLiteral("n[%]")},
+            {{QStringLiteral("D"), QStringLiteral("device")},
+             QStringLiteral("ALSA mixer device name."),
+             QStringLiteral("name"),
+             QString::fromLatin1(AlsaCard::DefaultName)},
+            {QStringLiteral("db"), QStringLiteral("set: gain in dB (the nearest value at or below it)."),
+             QStringLiteral("dB")},
+            {QStringLiteral("volume"), QStringLiteral("set: raw volume, or N% of the element's range."),
+             QStringLiteral("n[%]")},
             {QStringLiteral("switch"), QStringLiteral("set: switch on or off."), QStringLiteral("on|off")},
-            {QStringLiteral("enum"), QStringLiteral("set: enumeration item by (partial) name or number."), QStringLiteral("item")},
+            {QStringLiteral("enum"), QStringLiteral("set: enumeration item by (partial) name or number."),
+             QStringLiteral("item")},
             {QStringLiteral("playback"), QStringLiteral("set: change the playback side.")},
             {QStringLiteral("capture"), QStringLiteral("set: change the capture side.")},
             {QStringLiteral("count"), QStringLiteral("watch: end after this many changes."), QStringLiteral("n")},
         });
         parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
-        parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."), QStringLiteral("[name...]"));
+        parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."),
+                                     QStringLiteral("[name...]"));
         int status = ExitOk;
         if (!parseCommandLine(parser, arguments, Command, &status))
             return status;
@@ -130,10 +133,14 @@ public:
 
         const bool named = action == QLatin1String("get") || action == QLatin1String("set");
         if (!named && action != QLatin1String("list") && action != QLatin1String("watch"))
-            return fail(Command, action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
-                                                  : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action), ExitUsage);
+            return fail(Command,
+                        action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
+                                         : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action),
+                        ExitUsage);
         if (named ? names.size() != 1 : action == QLatin1String("list") && !names.isEmpty())
-            return fail(Command, QStringLiteral("'%1' takes %2").arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
+            return fail(Command,
+                        QStringLiteral("'%1' takes %2")
+                            .arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
                         ExitUsage);
 
         status = openCard();
@@ -154,7 +161,9 @@ private:
     {
         m_card = std::make_unique<AlsaCard>(m_device, true);
         if (!m_card->isOpen())
-            return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()),
+                        ExitFailed);
         return ExitOk;
     }
 
@@ -166,7 +175,8 @@ private:
             if (AlsaMixerElementPtr element = m_card->loadMixerElement(name))
                 elements << element;
             else
-                *status = fail(Command, QStringLiteral("no element of mixer '%1' matches '%2'").arg(m_device, name), ExitFailed);
+                *status = fail(Command, QStringLiteral("no element of mixer '%1' matches '%2'").arg(m_device, name),
+                               ExitFailed);
         }
         return elements;
     }
@@ -204,14 +214,17 @@ private:
     int chooseSide(const QString& control, AlsaMixerElement& element, AlsaElementMode* mode)
     {
         long min = 0, max = 0;
-        const QVector<AlsaElementMode> sides = m_playbackAsked ? QVector<AlsaElementMode>{Playback}
-            : m_captureAsked ? QVector<AlsaElementMode>{Capture} : QVector<AlsaElementMode>{Playback, Capture};
+        const QVector<AlsaElementMode> sides = m_playbackAsked  ? QVector<AlsaElementMode>{Playback}
+                                               : m_captureAsked ? QVector<AlsaElementMode>{Capture}
+                                                                : QVector<AlsaElementMode>{Playback, Capture};
         for (AlsaElementMode side : sides) {
             *mode = side;
             if (control == QLatin1String("switch") ? element.hasSwitch(side) : element.getVolumeRange(&min, &max, side))
                 return ExitOk;
         }
-        const QString asked = m_playbackAsked ? QStringLiteral("playback ") : m_captureAsked ? QStringLiteral("capture ") : QString();
+        const QString asked = m_playbackAsked  ? QStringLiteral("playback ")
+                              : m_captureAsked ? QStringLiteral("capture ")
+                                               : QString();
         return fail(Command, QStringLiteral("'%1' has no %2%3").arg(element.name(), asked, control), ExitFailed);
     }
 
@@ -226,14 +239,23 @@ private:
         bool ok = false;
         const double number = (percent ? value.chopped(1) : value).toDouble(&ok);
         if (!ok || (!percent && number != std::floor(number)))
-            return fail(Command, QStringLiteral("--volume takes a whole number or a percentage, not '%1'").arg(value), ExitUsage);
+            return fail(Command, QStringLiteral("--volume takes a whole number or a percentage, not '%1'").arg(value),
+                        ExitUsage);
         // In double, then converted once in range: long may have 32 bits.
         const double target = percent ? min + std::round(number * (double(max) - min) / 100.0) : number;
         if (!(target >= min && target <= max) || (percent && (number < 0 || number > 100)))
-            return fail(Command, QStringLiteral("volume %1 is out of range %2..%3 for '%4'").arg(value).arg(min).arg(max).arg(element.name()),
+            return fail(Command,
+                        QStringLiteral("volume %1 is out of range %2..%3 for '%4'")
+                            .arg(value)
+                            .arg(min)
+                            .arg(max)
+                            .arg(element.name()),
                         ExitFailed);
         if (!element.setVolume(static_cast<long>(target), mode))
-            return fail(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()) + because(element.errorString()), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("cannot set the volume of '%1'").arg(element.name())
+                            + because(element.errorString()),
+                        ExitFailed);
         return ExitOk;
     }
 
@@ -249,7 +271,10 @@ private:
         if (!element.hasDB(mode))
             return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
         if (!element.setDB(dB, mode))
-            return fail(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value) + because(element.errorString()), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value)
+                            + because(element.errorString()),
+                        ExitFailed);
         return ExitOk;
     }
 
@@ -262,7 +287,10 @@ private:
         if (chooseSide(QStringLiteral("switch"), element, &mode) != ExitOk)
             return ExitFailed;
         if (!element.setSwitch(state == QLatin1String("on"), mode))
-            return fail(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state) + because(element.errorString()), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("cannot switch '%1' %2").arg(element.name(), state)
+                            + because(element.errorString()),
+                        ExitFailed);
         return ExitOk;
     }
 
@@ -276,15 +304,21 @@ private:
         bool isNumber = false;
         int index = item.toInt(&isNumber);
         if (!isNumber) {
-            index = items.indexOf(QRegularExpression(QRegularExpression::escape(item), QRegularExpression::CaseInsensitiveOption));
+            index = items.indexOf(
+                QRegularExpression(QRegularExpression::escape(item), QRegularExpression::CaseInsensitiveOption));
             for (int i = 0; i < items.size() && index < 0; ++i)
                 index = items[i].contains(item, Qt::CaseInsensitive) ? i : -1;
         }
         if (index < 0 || index >= items.size())
-            return fail(Command, QStringLiteral("'%1' has no item '%2' (items: %3)").arg(element.name(), item, items.join(QStringLiteral(", "))),
+            return fail(Command,
+                        QStringLiteral("'%1' has no item '%2' (items: %3)")
+                            .arg(element.name(), item, items.join(QStringLiteral(", "))),
                         ExitFailed);
         if (!element.setEnum(static_cast<unsigned int>(index)))
-            return fail(Command, QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()) + because(element.errorString()), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name())
+                            + because(element.errorString()),
+                        ExitFailed);
         return ExitOk;
     }
 
@@ -308,7 +342,8 @@ private:
                 // A mixer that closed itself (its server went away) never reports again.
                 if (!m_card->isOpen()) {
                     changes = count;
-                    fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()), ExitFailed);
+                    fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()),
+                         ExitFailed);
                     loop.exit(ExitFailed);
                     return;
                 }
@@ -328,9 +363,6 @@ private:
 
 } // namespace
 
-int runMixerCommand(const QStringList& arguments)
-{
-    return MixerCommand().run(arguments);
-}
+int runMixerCommand(const QStringList& arguments) { return MixerCommand().run(arguments); }
 
 } // namespace quilaudio

@@ -12,10 +12,7 @@ namespace quilaudio {
 
 namespace {
 
-int sampleBytes(snd_pcm_format_t format)
-{
-    return snd_pcm_format_physical_width(format) / 8;
-}
+int sampleBytes(snd_pcm_format_t format) { return snd_pcm_format_physical_width(format) / 8; }
 
 // Samples of the machine type T, centred on zero, full scale at fullScale.
 // They are taken in groups of eight, whose extremes the compiler keeps in
@@ -24,10 +21,12 @@ int sampleBytes(snd_pcm_format_t format)
 // take the plain loop after it. Out of line, as inlined into the switch
 // below g++ keeps the extremes on the stack, at ten times the cost.
 template <typename T>
-__attribute__((noinline)) void typedPeaks(const char* data, int samples, int channels, double zero, double fullScale, double* peaks)
+__attribute__((noinline)) void typedPeaks(const char* data, int samples, int channels, double zero, double fullScale,
+                                          double* peaks)
 {
     const auto fold = [&](int channel, T low, T high) {
-        peaks[channel] = std::max({peaks[channel], (double(high) - zero) / fullScale, (zero - double(low)) / fullScale});
+        peaks[channel] =
+            std::max({peaks[channel], (double(high) - zero) / fullScale, (zero - double(low)) / fullScale});
     };
     constexpr int Group = 8;
     const int grouped = Group % channels == 0 ? samples / Group * Group : 0;
@@ -59,15 +58,32 @@ bool machinePeaks(const char* data, int samples, int channels, snd_pcm_format_t 
 {
     const double half = std::ldexp(1.0, snd_pcm_format_width(format) - 1);
     switch (format) {
-    case SND_PCM_FORMAT_S8: typedPeaks<int8_t>(data, samples, channels, 0, half, peaks); return true;
-    case SND_PCM_FORMAT_U8: typedPeaks<uint8_t>(data, samples, channels, half, half, peaks); return true;
-    case SND_PCM_FORMAT_S16: typedPeaks<int16_t>(data, samples, channels, 0, half, peaks); return true;
-    case SND_PCM_FORMAT_U16: typedPeaks<uint16_t>(data, samples, channels, half, half, peaks); return true;
-    case SND_PCM_FORMAT_S32: typedPeaks<int32_t>(data, samples, channels, 0, half, peaks); return true;
-    case SND_PCM_FORMAT_U32: typedPeaks<uint32_t>(data, samples, channels, half, half, peaks); return true;
-    case SND_PCM_FORMAT_FLOAT: typedPeaks<float>(data, samples, channels, 0, 1, peaks); return true;
-    case SND_PCM_FORMAT_FLOAT64: typedPeaks<double>(data, samples, channels, 0, 1, peaks); return true;
-    default: return false;
+    case SND_PCM_FORMAT_S8:
+        typedPeaks<int8_t>(data, samples, channels, 0, half, peaks);
+        return true;
+    case SND_PCM_FORMAT_U8:
+        typedPeaks<uint8_t>(data, samples, channels, half, half, peaks);
+        return true;
+    case SND_PCM_FORMAT_S16:
+        typedPeaks<int16_t>(data, samples, channels, 0, half, peaks);
+        return true;
+    case SND_PCM_FORMAT_U16:
+        typedPeaks<uint16_t>(data, samples, channels, half, half, peaks);
+        return true;
+    case SND_PCM_FORMAT_S32:
+        typedPeaks<int32_t>(data, samples, channels, 0, half, peaks);
+        return true;
+    case SND_PCM_FORMAT_U32:
+        typedPeaks<uint32_t>(data, samples, channels, half, half, peaks);
+        return true;
+    case SND_PCM_FORMAT_FLOAT:
+        typedPeaks<float>(data, samples, channels, 0, 1, peaks);
+        return true;
+    case SND_PCM_FORMAT_FLOAT64:
+        typedPeaks<double>(data, samples, channels, 0, 1, peaks);
+        return true;
+    default:
+        return false;
     }
 }
 
@@ -75,8 +91,8 @@ bool machinePeaks(const char* data, int samples, int channels, snd_pcm_format_t 
 
 bool hasSampleValues(snd_pcm_format_t format)
 {
-    return (snd_pcm_format_linear(format) == 1 || snd_pcm_format_float(format) == 1)
-        && sampleBytes(format) > 0 && sampleBytes(format) <= 8;
+    return (snd_pcm_format_linear(format) == 1 || snd_pcm_format_float(format) == 1) && sampleBytes(format) > 0
+           && sampleBytes(format) <= 8;
 }
 
 // Samples in 8-bit formats have no byte order; ALSA reports an error for them.
@@ -104,8 +120,8 @@ double decodeSample(const char* data, snd_pcm_format_t format)
     raw &= (uint64_t(1) << width) - 1;
     const uint64_t half = uint64_t(1) << (width - 1);
     const int64_t value = snd_pcm_format_signed(format) == 1
-        ? ((raw & half) ? int64_t(raw) - int64_t(half << 1) : int64_t(raw))
-        : int64_t(raw) - int64_t(half);
+                              ? ((raw & half) ? int64_t(raw) - int64_t(half << 1) : int64_t(raw))
+                              : int64_t(raw) - int64_t(half);
     return double(value) / double(half);
 }
 

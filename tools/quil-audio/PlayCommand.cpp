@@ -22,14 +22,13 @@ namespace {
 
 const QString Command = QStringLiteral("play");
 
-const char* const Usage =
-    "Plays FILE, stdin (\"-\", the default) or a generated tone through an ALSA PCM (-D)\n"
-    "or into a raw PCM file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
-    "give rate, channels and format from their header, read in a format the device takes;\n"
-    ".raw files, names without extension and stdin are raw PCM (interleaved frames).\n"
-    "Xruns are recovered, counted and reported. On a terminal a progress line shows the\n"
-    "current delay. The end of the input waits until the queue has played (unless\n"
-    "--no-drain); Ctrl-C stops at once. The last line on stderr sums up frames, xruns and delay.";
+const char* const Usage = "Plays FILE, stdin (\"-\", the default) or a generated tone through an ALSA PCM (-D)\n"
+                          "or into a raw PCM file (-o). WAV, RF64, W64, FLAC, Ogg and AU files (by extension or -t)\n"
+                          "give rate, channels and format from their header, read in a format the device takes;\n"
+                          ".raw files, names without extension and stdin are raw PCM (interleaved frames).\n"
+                          "Xruns are recovered, counted and reported. On a terminal a progress line shows the\n"
+                          "current delay. The end of the input waits until the queue has played (unless\n"
+                          "--no-drain); Ctrl-C stops at once. The last line on stderr sums up frames, xruns and delay.";
 
 // Frames per write for a file, which has no period.
 constexpr int FileBlockFrames = 1024;
@@ -44,8 +43,7 @@ QString formatText(snd_pcm_format_t format)
 
 /// `quil-audio play`: an audio file, raw PCM on stdin or a generated tone into
 /// an AlsaOutputDevice or a FileOutputDevice (raw), on the calling thread.
-class PlayCommand
-{
+class PlayCommand {
 public:
     int run(const QStringList& arguments)
     {
@@ -53,19 +51,26 @@ public:
         addStreamOptions(parser, Usage, "Input file; \"-\" is stdin (raw).");
         parser.addOptions({
             {{QStringLiteral("o"), QStringLiteral("output-file")},
-             QStringLiteral("Write into this raw file instead of an ALSA device."), QStringLiteral("file")},
-            {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."), QStringLiteral("hz")},
-            {{QStringLiteral("F"), QStringLiteral("period-time")}, QStringLiteral("Period in microseconds (125000 with no -B)."),
+             QStringLiteral("Write into this raw file instead of an ALSA device."),
+             QStringLiteral("file")},
+            {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."),
+             QStringLiteral("hz")},
+            {{QStringLiteral("F"), QStringLiteral("period-time")},
+             QStringLiteral("Period in microseconds (125000 with no -B)."),
              QStringLiteral("us")},
             {QStringLiteral("period-size"), QStringLiteral("Period in frames."), QStringLiteral("frames")},
-            {{QStringLiteral("B"), QStringLiteral("buffer-time")}, QStringLiteral("Buffer in microseconds (500000 with no -F)."),
+            {{QStringLiteral("B"), QStringLiteral("buffer-time")},
+             QStringLiteral("Buffer in microseconds (500000 with no -F)."),
              QStringLiteral("us")},
             {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
-            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."), QStringLiteral("frames")},
-            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."), QStringLiteral("us")},
+            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
+             QStringLiteral("frames")},
+            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."),
+             QStringLiteral("us")},
             {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
             {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
-            {QStringLiteral("tstamp"), QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
+            {QStringLiteral("tstamp"),
+             QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
             {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
         });
         int status = ExitOk;
@@ -83,7 +88,8 @@ public:
 private:
     bool readOptions(const QCommandLineParser& parser, QString* error)
     {
-        if (!readStreamOptions(parser, &m_stream, error) || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
+        if (!readStreamOptions(parser, &m_stream, error)
+            || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
             return false;
         if (!readFileArgument(parser, QStringLiteral("input"), &m_input, error))
             return false;
@@ -94,7 +100,8 @@ private:
                 return refuse(error, QStringLiteral("--tone replaces the input file; give one of them"));
             if (!(m_toneHz > 0 && m_toneHz < m_stream.rate / 2.0))
                 return refuse(error, QStringLiteral("--tone must lie between 0 and half the rate (%1 Hz), not %2")
-                               .arg(m_stream.rate / 2.0).arg(parser.value(QStringLiteral("tone"))));
+                                         .arg(m_stream.rate / 2.0)
+                                         .arg(parser.value(QStringLiteral("tone"))));
             if (!hasSampleValues(m_stream.format))
                 return refuse(error, QStringLiteral("cannot generate a tone in this sample format"));
             // A file never makes the writer wait: without an end the tone would fill the disk.
@@ -112,14 +119,14 @@ private:
             alsa.bufferMs = DefaultBufferMs;
         }
         return exclusive(parser, QStringLiteral("period-time"), QStringLiteral("period-size"), error)
-            && exclusive(parser, QStringLiteral("buffer-time"), QStringLiteral("buffer-size"), error)
-            && exclusive(parser, QStringLiteral("start-threshold"), QStringLiteral("start-threshold-time"), error)
-            && readMicrosecondsAsMs(parser, QStringLiteral("period-time"), &alsa.periodMs, error)
-            && readMicrosecondsAsMs(parser, QStringLiteral("buffer-time"), &alsa.bufferMs, error)
-            && readMicrosecondsAsMs(parser, QStringLiteral("start-threshold-time"), &alsa.startThresholdMs, error)
-            && readInt(parser, QStringLiteral("period-size"), 1, MaxFrames, &alsa.periodFrames, error)
-            && readInt(parser, QStringLiteral("buffer-size"), 1, MaxFrames, &alsa.bufferFrames, error)
-            && readInt(parser, QStringLiteral("start-threshold"), 1, MaxFrames, &alsa.startThresholdFrames, error);
+               && exclusive(parser, QStringLiteral("buffer-time"), QStringLiteral("buffer-size"), error)
+               && exclusive(parser, QStringLiteral("start-threshold"), QStringLiteral("start-threshold-time"), error)
+               && readMicrosecondsAsMs(parser, QStringLiteral("period-time"), &alsa.periodMs, error)
+               && readMicrosecondsAsMs(parser, QStringLiteral("buffer-time"), &alsa.bufferMs, error)
+               && readMicrosecondsAsMs(parser, QStringLiteral("start-threshold-time"), &alsa.startThresholdMs, error)
+               && readInt(parser, QStringLiteral("period-size"), 1, MaxFrames, &alsa.periodFrames, error)
+               && readInt(parser, QStringLiteral("buffer-size"), 1, MaxFrames, &alsa.bufferFrames, error)
+               && readInt(parser, QStringLiteral("start-threshold"), 1, MaxFrames, &alsa.startThresholdFrames, error);
     }
 
     int openSource()
@@ -127,7 +134,8 @@ private:
         if (m_toneHz > 0)
             return ExitOk;
         QString error;
-        if (!m_inputFile.openForReading(m_input, m_stream.fileType, {m_stream.rate, m_stream.channels, m_stream.format}))
+        if (!m_inputFile.openForReading(m_input, m_stream.fileType,
+                                        {m_stream.rate, m_stream.channels, m_stream.format}))
             return fail(Command, m_inputFile.errorString(), ExitFailed);
         if (!m_inputFile.isRaw() && (!takeHeader(&error) || !chooseReadFormat(&error)))
             return fail(Command, error, ExitFailed);
@@ -140,8 +148,11 @@ private:
         const AudioFile::Layout header = m_inputFile.layout();
         const auto contradicts = [&](bool given, unsigned int asked, unsigned int held, const char* what) {
             if (given && asked != held)
-                *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says").arg(m_input).arg(held)
-                             .arg(QLatin1String(what)).arg(asked);
+                *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says")
+                             .arg(m_input)
+                             .arg(held)
+                             .arg(QLatin1String(what))
+                             .arg(asked);
             return given && asked != held;
         };
         if (contradicts(m_stream.rateGiven, m_stream.rate, header.rate, "Hz")
@@ -149,7 +160,7 @@ private:
             return false;
         if (m_stream.formatGiven && m_stream.format != header.format)
             return refuse(error, QStringLiteral("'%1' holds %2 samples, not %3 as the command line says")
-                           .arg(m_input, formatText(header.format), formatText(m_stream.format)));
+                                     .arg(m_input, formatText(header.format), formatText(m_stream.format)));
         m_stream.rate = header.rate;
         m_stream.channels = header.channels;
         return true;
@@ -166,13 +177,16 @@ private:
         snd_pcm_format_t chosen = candidates.first();
         // A PCM that does not open keeps the first, for the real open to say why.
         const QVector<snd_pcm_format_t> taken = m_outputFile.isEmpty()
-            ? AlsaDevices::formats(m_stream.device, SND_PCM_STREAM_PLAYBACK) : QVector<snd_pcm_format_t>();
+                                                    ? AlsaDevices::formats(m_stream.device, SND_PCM_STREAM_PLAYBACK)
+                                                    : QVector<snd_pcm_format_t>();
         if (!taken.isEmpty()) {
             const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
             chosen = first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN : *first;
         }
         if (chosen == SND_PCM_FORMAT_UNKNOWN)
-            return refuse(error, QStringLiteral("'%1' takes none of the formats '%2' can be read as").arg(m_stream.device, m_input));
+            return refuse(
+                error,
+                QStringLiteral("'%1' takes none of the formats '%2' can be read as").arg(m_stream.device, m_input));
         if (chosen != own)
             printLine(QStringLiteral("quil-audio play: reading the %1 samples of '%2' as %3")
                           .arg(formatText(own), m_input, formatText(chosen)));
@@ -213,7 +227,10 @@ private:
             const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
                                          : QStringLiteral("'%1'").arg(m_outputFile);
             const QString why = m_device->errorString();
-            return fail(Command, QStringLiteral("cannot open ") + where + (why.isEmpty() ? QString() : QStringLiteral(": ") + why), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("cannot open ") + where
+                            + (why.isEmpty() ? QString() : QStringLiteral(": ") + why),
+                        ExitFailed);
         }
         if (!m_alsa)
             return ExitOk;
@@ -221,8 +238,11 @@ private:
         if (static_cast<unsigned int>(m_alsa->sampleRate()) != m_stream.rate
             || static_cast<unsigned int>(m_alsa->channelCount()) != m_stream.channels) {
             printLine(QStringLiteral("quil-audio play: '%1' runs at %2 Hz with %3 channels (asked for %4 Hz, %5)")
-                          .arg(m_stream.device).arg(m_alsa->sampleRate()).arg(m_alsa->channelCount())
-                          .arg(m_stream.rate).arg(m_stream.channels));
+                          .arg(m_stream.device)
+                          .arg(m_alsa->sampleRate())
+                          .arg(m_alsa->channelCount())
+                          .arg(m_stream.rate)
+                          .arg(m_stream.channels));
         }
         return ExitOk;
     }
@@ -240,7 +260,8 @@ private:
                 interrupted = true;
                 break;
             }
-            const int frames = framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
+            const int frames =
+                framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
             QByteArray block;
             if (!nextBlock(frames, &block, &error) || block.isEmpty())
                 break;
@@ -273,7 +294,8 @@ private:
     bool nextBlock(int frames, QByteArray* block, QString* error)
     {
         if (m_toneHz > 0) {
-            *block = toneBlock(m_toneHz, m_device->sampleRate(), m_device->channelCount(), m_stream.format, m_framesPlayed, frames);
+            *block = toneBlock(m_toneHz, m_device->sampleRate(), m_device->channelCount(), m_stream.format,
+                               m_framesPlayed, frames);
             return true;
         }
         if (!m_inputFile.read(frames, block))
@@ -297,7 +319,8 @@ private:
         for (int frame = 0; frame < count; ++frame) {
             for (int channel = 0; channel < outChannels; ++channel) {
                 const int from = (frame * inChannels + qMin(channel, inChannels - 1)) * sampleBytes;
-                std::copy_n(frames.constData() + from, sampleBytes, out.data() + static_cast<qsizetype>(frame * outChannels + channel) * sampleBytes);
+                std::copy_n(frames.constData() + from, sampleBytes,
+                            out.data() + static_cast<qsizetype>(frame * outChannels + channel) * sampleBytes);
             }
         }
         return out;
@@ -313,9 +336,12 @@ private:
     QString delayText(bool withAge) const
     {
         const QString age = withAge && m_alsaSettings.timestamps
-            ? QStringLiteral(", status %1 ms old").arg(m_delayAgeUs / 1000.0, 0, 'f', 1) : QString();
-        return QStringLiteral("%1 frames (%2 ms%3)").arg(m_delayFrames)
-            .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1).arg(age);
+                                ? QStringLiteral(", status %1 ms old").arg(m_delayAgeUs / 1000.0, 0, 'f', 1)
+                                : QString();
+        return QStringLiteral("%1 frames (%2 ms%3)")
+            .arg(m_delayFrames)
+            .arg(1000.0 * m_delayFrames / m_device->sampleRate(), 0, 'f', 1)
+            .arg(age);
     }
 
     void showProgress()
@@ -341,7 +367,8 @@ private:
     QString summary() const
     {
         const QString played = QStringLiteral("played %1 frames (%2)")
-                                   .arg(m_framesPlayed).arg(secondsText(m_framesPlayed, m_device->sampleRate()));
+                                   .arg(m_framesPlayed)
+                                   .arg(secondsText(m_framesPlayed, m_device->sampleRate()));
         if (!m_alsa)
             return played + QStringLiteral(" into '%1'").arg(m_outputFile);
         const QString delay = m_delayFrames < 0 ? QStringLiteral("unknown") : delayText(false);
@@ -349,13 +376,11 @@ private:
     }
 
     // What the command line asks of an ALSA device; -1: left to ALSA.
-    struct AlsaSettings
-    {
+    struct AlsaSettings {
         int periodMs = -1, periodFrames = -1, bufferMs = -1, bufferFrames = -1;
         int startThresholdMs = -1, startThresholdFrames = -1;
         bool nearRate = false, nearChannels = false, timestamps = false;
     };
-
 
     StreamOptions m_stream;
     AlsaSettings m_alsaSettings;
@@ -368,16 +393,13 @@ private:
     int m_blockFrames = 1024;
     qint64 m_framesPlayed = 0;
     int m_xruns = 0;
-    int m_delayFrames = -1;   // and its age, from the last delay() asked
+    int m_delayFrames = -1; // and its age, from the last delay() asked
     int64_t m_delayAgeUs = 0;
     ProgressLine m_progress;
 };
 
 } // namespace
 
-int runPlayCommand(const QStringList& arguments)
-{
-    return PlayCommand().run(arguments);
-}
+int runPlayCommand(const QStringList& arguments) { return PlayCommand().run(arguments); }
 
 } // namespace quilaudio

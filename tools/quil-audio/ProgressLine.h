@@ -8,8 +8,7 @@ namespace quilaudio {
 constexpr int ProgressIntervalMs = 100;
 
 /// A status line redrawn in place on stderr, shown only when stderr is a terminal.
-class ProgressLine
-{
+class ProgressLine {
 public:
     ProgressLine();
     bool isShown() const { return m_enabled; }

@@ -32,19 +32,18 @@ namespace {
 
 const QString Command = QStringLiteral("record");
 
-const char* const Usage =
-    "Captures from an ALSA PCM (-D) or from a raw PCM file paced like a live source\n"
-    "(--input-file) and writes FILE: WAV (RF64 past 4 GiB), RF64, W64, FLAC, Ogg Vorbis or AU\n"
-    "by its extension or -t; raw PCM (interleaved frames, no header) for .raw, a name\n"
-    "without extension, or stdout.\n"
-    "Recording is asked for as capture starts or, with --trigger-dbfs, at the first sample\n"
-    "at or above that level. --pre-roll-ms starts the output that much audio before that\n"
-    "moment (that sample, with a trigger), taken from the ring buffer (--ring-ms). Audio\n"
-    "from before the capture started is silence. -d counts the whole output, the pre-roll\n"
-    "included.\n"
-    "--mute records silence; SIGUSR1 toggles muting. Ctrl-C ends the recording. On a terminal\n"
-    "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
-    "stderr sums up frames, peaks and capture errors.";
+const char* const Usage = "Captures from an ALSA PCM (-D) or from a raw PCM file paced like a live source\n"
+                          "(--input-file) and writes FILE: WAV (RF64 past 4 GiB), RF64, W64, FLAC, Ogg Vorbis or AU\n"
+                          "by its extension or -t; raw PCM (interleaved frames, no header) for .raw, a name\n"
+                          "without extension, or stdout.\n"
+                          "Recording is asked for as capture starts or, with --trigger-dbfs, at the first sample\n"
+                          "at or above that level. --pre-roll-ms starts the output that much audio before that\n"
+                          "moment (that sample, with a trigger), taken from the ring buffer (--ring-ms). Audio\n"
+                          "from before the capture started is silence. -d counts the whole output, the pre-roll\n"
+                          "included.\n"
+                          "--mute records silence; SIGUSR1 toggles muting. Ctrl-C ends the recording. On a terminal\n"
+                          "a progress line shows the elapsed time and a peak meter per channel; the last line on\n"
+                          "stderr sums up frames, peaks and capture errors.";
 
 // A source that delivers nothing for this long is reported rather than waited for.
 constexpr qint64 NoAudioTimeoutMs = 5000;
@@ -70,8 +69,7 @@ QString meterBar(double peak)
 /// trigger and write right there, so no block is copied between threads.
 /// The two sides share only atomics and the meter's mutex; the worker's end
 /// of recording reaches the event loop as a queued quit.
-class RecordCommand
-{
+class RecordCommand {
 public:
     int run(const QStringList& arguments)
     {
@@ -79,17 +77,22 @@ public:
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Output file; \"-\" is stdout (raw).");
         parser.addOptions({
-            {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."), QStringLiteral("file")},
+            {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."),
+             QStringLiteral("file")},
             {{QStringLiteral("F"), QStringLiteral("period-time")},
-             QStringLiteral("Period in microseconds (125000); one read of the provider."), QStringLiteral("us")},
+             QStringLiteral("Period in microseconds (125000); one read of the provider."),
+             QStringLiteral("us")},
             {{QStringLiteral("B"), QStringLiteral("buffer-time")},
-             QStringLiteral("ALSA buffer in microseconds (4 periods)."), QStringLiteral("us")},
+             QStringLiteral("ALSA buffer in microseconds (4 periods)."),
+             QStringLiteral("us")},
             {QStringLiteral("ring-ms"),
-             QStringLiteral("Ring buffer of recent audio (the pre-roll, at least a period; a period more with a trigger)."),
+             QStringLiteral(
+                 "Ring buffer of recent audio (the pre-roll, at least a period; a period more with a trigger)."),
              QStringLiteral("ms")},
-            {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."), QStringLiteral("ms")},
-            {QStringLiteral("trigger-dbfs"), QStringLiteral("Ask for recording at the first sample at this level or above."),
-             QStringLiteral("dBFS")},
+            {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."),
+             QStringLiteral("ms")},
+            {QStringLiteral("trigger-dbfs"),
+             QStringLiteral("Ask for recording at the first sample at this level or above."), QStringLiteral("dBFS")},
             {QStringLiteral("mute"), QStringLiteral("Start muted (silence is recorded); SIGUSR1 toggles.")},
         });
         if (!parseCommandLine(parser, arguments, Command, &status,
@@ -101,9 +104,13 @@ public:
         m_frameBytes = m_device->bytesPerSample() * m_device->channelCount();
         const qint64 bytesPerSecond = qint64(m_stream.rate) * m_frameBytes;
         if (m_ringMs * bytesPerSecond > MaxRingProduct)
-            return fail(Command, QStringLiteral("--ring-ms %1 is too long for this stream (at most %2 ms)")
-                                     .arg(m_ringMs).arg(MaxRingProduct / bytesPerSecond), ExitUsage);
-        if (!m_outputFile.openForWriting(m_output, m_stream.fileType, {m_stream.rate, m_stream.channels, m_stream.format}))
+            return fail(Command,
+                        QStringLiteral("--ring-ms %1 is too long for this stream (at most %2 ms)")
+                            .arg(m_ringMs)
+                            .arg(MaxRingProduct / bytesPerSecond),
+                        ExitUsage);
+        if (!m_outputFile.openForWriting(m_output, m_stream.fileType,
+                                         {m_stream.rate, m_stream.channels, m_stream.format}))
             return fail(Command, m_outputFile.errorString(), ExitFailed);
         return captureUntilDone();
     }
@@ -120,7 +127,8 @@ private:
         if (!readFileArgument(parser, QStringLiteral("output"), &m_output, error))
             return false;
         if (m_output == QLatin1String("-") && ::isatty(STDOUT_FILENO) == 1)
-            return refuse(error, QStringLiteral("will not write audio to a terminal; give an output file or redirect stdout"));
+            return refuse(error,
+                          QStringLiteral("will not write audio to a terminal; give an output file or redirect stdout"));
         m_inputFile = parser.value(QStringLiteral("input-file"));
         m_startMuted = parser.isSet(QStringLiteral("mute"));
         m_framesWanted = m_stream.durationFrames();
@@ -138,16 +146,20 @@ private:
         else if (m_ringMs < 0)
             m_ringMs = m_preRollMs > 0 ? std::max(m_preRollMs, m_periodMs) : 0;
         if (m_ringMs > 0 && m_ringMs < m_periodMs)
-            return refuse(error, QStringLiteral("--ring-ms %1 holds less than one period (%2 ms)").arg(m_ringMs).arg(m_periodMs));
+            return refuse(
+                error, QStringLiteral("--ring-ms %1 holds less than one period (%2 ms)").arg(m_ringMs).arg(m_periodMs));
         if (m_preRollMs > m_ringMs)
-            return refuse(error, QStringLiteral("--pre-roll-ms %1 is longer than the ring (--ring-ms %2)").arg(m_preRollMs).arg(m_ringMs));
+            return refuse(error, QStringLiteral("--pre-roll-ms %1 is longer than the ring (--ring-ms %2)")
+                                     .arg(m_preRollMs)
+                                     .arg(m_ringMs));
 
         double triggerDb = 0;
         if (!readDouble(parser, QStringLiteral("trigger-dbfs"), &triggerDb, error))
             return false;
         if (m_hasTrigger && (triggerDb > 0 || !hasSampleValues(m_stream.format)))
-            return refuse(error, triggerDb > 0 ? QStringLiteral("--trigger-dbfs must be 0 or below, not %1").arg(triggerDb)
-                           : QStringLiteral("--trigger-dbfs cannot measure this sample format"));
+            return refuse(error, triggerDb > 0
+                                     ? QStringLiteral("--trigger-dbfs must be 0 or below, not %1").arg(triggerDb)
+                                     : QStringLiteral("--trigger-dbfs cannot measure this sample format"));
         m_triggerPeak = std::pow(10.0, triggerDb / 20.0);
         return true;
     }
@@ -155,13 +167,13 @@ private:
     int openSource()
     {
         if (m_inputFile.isEmpty()) {
-            m_device = std::make_unique<AlsaInputDevice>(m_stream.device, static_cast<int>(m_stream.rate), m_stream.channels,
-                                                         m_stream.format, m_periodMs, m_bufferMs);
+            m_device = std::make_unique<AlsaInputDevice>(m_stream.device, static_cast<int>(m_stream.rate),
+                                                         m_stream.channels, m_stream.format, m_periodMs, m_bufferMs);
             return ExitOk;
         }
         // FileInputDevice delivers silence for a file it cannot open; say why instead.
-        auto file = std::make_unique<FileInputDevice>(static_cast<int>(m_stream.rate), static_cast<int>(m_stream.channels),
-                                                      m_stream.format);
+        auto file = std::make_unique<FileInputDevice>(static_cast<int>(m_stream.rate),
+                                                      static_cast<int>(m_stream.channels), m_stream.format);
         if (!file->playFile(m_inputFile)) {
             const QString why = file->errorCode() < 0 ? qt_error_string(-file->errorCode()) : file->errorString();
             return fail(Command, QStringLiteral("cannot open '%1': %2").arg(m_inputFile, why), ExitFailed);
@@ -174,7 +186,8 @@ private:
     {
         // 64-bit: a high rate times a long period passes 2^32.
         const uint64_t periodFrames = uint64_t(m_stream.rate) * uint64_t(std::max(m_periodMs, 0)) / 1000u;
-        m_provider = new AudioInputDataProvider(m_device.get(), static_cast<unsigned int>(m_ringMs),
+        m_provider = new AudioInputDataProvider(
+            m_device.get(), static_cast<unsigned int>(m_ringMs),
             std::clamp<uint64_t>(periodFrames, 1u, std::numeric_limits<unsigned int>::max()));
         m_provider->setMuteState(m_startMuted);
         CMUnbufferedDataTransfer live = m_provider->liveFeed();
@@ -220,9 +233,12 @@ private:
         const QString source = QStringLiteral("'%1'").arg(m_inputFile.isEmpty() ? m_stream.device : m_inputFile);
         const quil::CaptureStatus capture = m_provider->captureStatus();
         if (!capture.errorString.isEmpty())
-            return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, capture.errorString), ExitFailed);
+            return fail(Command, QStringLiteral("cannot capture from %1: %2").arg(source, capture.errorString),
+                        ExitFailed);
         if (elapsedMs > NoAudioTimeoutMs)
-            return fail(Command, QStringLiteral("no audio from %1 within %2 s").arg(source).arg(NoAudioTimeoutMs / 1000), ExitFailed);
+            return fail(Command,
+                        QStringLiteral("no audio from %1 within %2 s").arg(source).arg(NoAudioTimeoutMs / 1000),
+                        ExitFailed);
         return ExitOk;
     }
 
@@ -274,7 +290,8 @@ private:
         int offsetMs = m_preRollMs;
         if (framesFromTrigger > 0 && m_ringMs > 0) {
             m_keepFrames = qint64(m_preRollMs) * m_stream.rate / 1000 + framesFromTrigger;
-            offsetMs = static_cast<int>(std::min<qint64>((m_keepFrames * 1000 + m_stream.rate - 1) / m_stream.rate, m_ringMs));
+            offsetMs =
+                static_cast<int>(std::min<qint64>((m_keepFrames * 1000 + m_stream.rate - 1) / m_stream.rate, m_ringMs));
         }
         m_recording = m_provider->liveFeedWithOffset(offsetMs);
         m_recording.onDataAvailable([this](const QByteArray& block) { onRecordedBlock(block); });
@@ -293,8 +310,8 @@ private:
         }
         if (m_framesWanted >= 0)
             frames = std::min(frames, m_framesWanted - m_framesWritten);
-        const QByteArray part = QByteArray::fromRawData(block.constData() + first * m_frameBytes,
-                                                        static_cast<int>(frames * m_frameBytes));
+        const QByteArray part =
+            QByteArray::fromRawData(block.constData() + first * m_frameBytes, static_cast<int>(frames * m_frameBytes));
         accumulatePeaks(part, m_stream.format, static_cast<int>(m_stream.channels), &m_recordedPeaks);
         if (!m_outputFile.write(part)) {
             endRecording(m_outputFile.errorString());
@@ -335,14 +352,16 @@ private:
             peaks << dbfsText(peak);
         const QString source = m_inputFile.isEmpty() ? m_stream.device : m_inputFile;
         return QStringLiteral("recorded %1 frames (%2) from '%3' into '%4': peak %5 dBFS, capture restarts %6")
-            .arg(m_framesWritten.load()).arg(secondsText(m_framesWritten, m_stream.rate)).arg(source, m_output)
+            .arg(m_framesWritten.load())
+            .arg(secondsText(m_framesWritten, m_stream.rate))
+            .arg(source, m_output)
             .arg(peaks.isEmpty() ? QStringLiteral("-inf") : peaks.join(QStringLiteral(" / ")))
             .arg(m_restarts);
     }
 
     StreamOptions m_stream;
     QString m_inputFile, m_output;
-    int m_periodMs = -1, m_bufferMs = -1, m_ringMs = -1, m_preRollMs = 0;   // -F, -B, --ring-ms, --pre-roll-ms
+    int m_periodMs = -1, m_bufferMs = -1, m_ringMs = -1, m_preRollMs = 0; // -F, -B, --ring-ms, --pre-roll-ms
     bool m_hasTrigger = false;
     double m_triggerPeak = 0;
     bool m_startMuted = false;
@@ -361,20 +380,17 @@ private:
     ProgressLine m_progress;
 
     std::atomic<bool> m_armed{false}, m_stopping{false}, m_done{false};
-    int m_restarts = 0;   // the provider's restart count, kept for the summary
+    int m_restarts = 0; // the provider's restart count, kept for the summary
     std::atomic<qint64> m_blocksSeen{0};
     std::atomic<qint64> m_framesWritten{0};
-    QString m_writeError;           // set by the worker before m_done
+    QString m_writeError; // set by the worker before m_done
     QVector<double> m_recordedPeaks; // worker only until the provider is gone
     mutable QMutex m_meterMutex;
-    QVector<double> m_meterPeaks;    // since the last display, under m_meterMutex
+    QVector<double> m_meterPeaks; // since the last display, under m_meterMutex
 };
 
 } // namespace
 
-int runRecordCommand(const QStringList& arguments)
-{
-    return RecordCommand().run(arguments);
-}
+int runRecordCommand(const QStringList& arguments) { return RecordCommand().run(arguments); }
 
 } // namespace quilaudio

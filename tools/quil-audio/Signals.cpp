@@ -60,15 +60,9 @@ void watchSignals()
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-bool stopRequested()
-{
-    return stopFlag;
-}
+bool stopRequested() { return stopFlag; }
 
-bool takeToggleRequest()
-{
-    return toggles.exchange(0) % 2 == 1;
-}
+bool takeToggleRequest() { return toggles.exchange(0) % 2 == 1; }
 
 void armStopWatchdog(unsigned int seconds)
 {

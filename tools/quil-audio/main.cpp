@@ -14,13 +14,12 @@
 
 namespace {
 
-const char* const Usage =
-    "Captures, plays and controls audio through libquil_audio.\n"
-    "Commands (each has --help):\n"
-    "  record   capture from an ALSA PCM or a raw file into an audio file or stdout\n"
-    "  play     play an audio file, raw PCM on stdin or a tone to an ALSA PCM or a raw file\n"
-    "  mixer    list, get, set and watch mixer elements\n"
-    "  devices  list the PCMs and the sound cards with their mixer elements";
+const char* const Usage = "Captures, plays and controls audio through libquil_audio.\n"
+                          "Commands (each has --help):\n"
+                          "  record   capture from an ALSA PCM or a raw file into an audio file or stdout\n"
+                          "  play     play an audio file, raw PCM on stdin or a tone to an ALSA PCM or a raw file\n"
+                          "  mixer    list, get, set and watch mixer elements\n"
+                          "  devices  list the PCMs and the sound cards with their mixer elements";
 
 } // namespace
 
@@ -57,8 +56,10 @@ int main(int argc, char** argv)
 
     const QString& command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
-    const QMap<QString, int (*)(const QStringList&)> commands{{QStringLiteral("record"), quilaudio::runRecordCommand},
-        {QStringLiteral("play"), quilaudio::runPlayCommand}, {QStringLiteral("mixer"), quilaudio::runMixerCommand},
+    const QMap<QString, int (*)(const QStringList&)> commands{
+        {QStringLiteral("record"), quilaudio::runRecordCommand},
+        {QStringLiteral("play"), quilaudio::runPlayCommand},
+        {QStringLiteral("mixer"), quilaudio::runMixerCommand},
         {QStringLiteral("devices"), quilaudio::runDevicesCommand}};
     if (commands.contains(command))
         return commands[command](arguments);

@@ -44,8 +44,7 @@ qint64 nowMs() { return g_clock.elapsed(); }
 
 // Counts the library's ERROR lines without writing them: a PCM that fails in a
 // loop would fill a disk.
-class ErrorCounter : public log4cplus::Appender
-{
+class ErrorCounter : public log4cplus::Appender {
 public:
     ~ErrorCounter() override { destructorImpl(); }
     void close() override {}
@@ -59,7 +58,11 @@ protected:
     }
 };
 
-struct Resources { long rssKb = 0; int fds = 0; int threads = 0; };
+struct Resources {
+    long rssKb = 0;
+    int fds = 0;
+    int threads = 0;
+};
 
 Resources sampleResources()
 {
@@ -72,18 +75,18 @@ Resources sampleResources()
         }
     }
     r.fds = static_cast<int>(QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System).size());
-    r.threads = static_cast<int>(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+    r.threads =
+        static_cast<int>(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
     return r;
 }
 
 // What the fault thread and the host's threads share.
-struct Shared
-{
+struct Shared {
     std::atomic<bool> done{false};
     std::atomic<qint64> lastBlockMs{0}, serverReturnMs{-1}, lastWriteMs{0}, firstKillMs{-1};
     std::atomic<int> kills{0}, returns{0}, resumed{0};
     std::mutex mutex;
-    std::vector<qint64> resumeDelays;   // server's return to the first block, ms
+    std::vector<qint64> resumeDelays; // server's return to the first block, ms
 };
 
 // Kills the server and starts it again: outages of 0.2 to 10 s every 10 to 40 s.
@@ -127,7 +130,9 @@ void noteBlock(Shared* s)
     }
 }
 
-struct PlaybackFigures { std::atomic<long> writes{0}, xruns{0}, closes{0}, reopens{0}, xrunReopens{0}; };
+struct PlaybackFigures {
+    std::atomic<long> writes{0}, xruns{0}, closes{0}, reopens{0}, xrunReopens{0};
+};
 
 // The host's playback thread: a tone in 20 ms blocks; a closed device is
 // opened again half a second later, as long as it takes. A device that only
@@ -226,7 +231,8 @@ int main(int argc, char** argv)
             }
         }
         if (shiftedFeeds.size() < 6) {
-            CMBufferedDataTransfer feed = provider.liveFeedWithOffset(std::uniform_int_distribution<int>(0, 2000)(random));
+            CMBufferedDataTransfer feed =
+                provider.liveFeedWithOffset(std::uniform_int_distribution<int>(0, 2000)(random));
             watch(feed, false);
             shiftedFeeds.append({nowMs() + std::uniform_int_distribution<int>(500, 5000)(random), feed});
             ++feedsTaken;
@@ -329,19 +335,20 @@ int main(int argc, char** argv)
                 provider.captureStatus().restartCount, openFailures.load(), hostStarts, newMainFeeds);
     {
         std::lock_guard<std::mutex> lock(shared.mutex);
-        const qint64 worst = shared.resumeDelays.empty() ? -1
-            : *std::max_element(shared.resumeDelays.begin(), shared.resumeDelays.end());
+        const qint64 worst = shared.resumeDelays.empty()
+                                 ? -1
+                                 : *std::max_element(shared.resumeDelays.begin(), shared.resumeDelays.end());
         std::printf("resume_ms_median %.0f\nresume_ms_max %lld\n", median(shared.resumeDelays),
                     static_cast<long long>(worst));
     }
     std::printf("capture_stalled_at_s %lld\nfeeds_taken %d\ndelivered_mb %.1f\n",
-                static_cast<long long>(stalledAtMs < 0 ? -1 : stalledAtMs / 1000), feedsTaken,
-                delivered / 1e6);
+                static_cast<long long>(stalledAtMs < 0 ? -1 : stalledAtMs / 1000), feedsTaken, delivered / 1e6);
     std::printf("playback_writes %ld\nplayback_xruns %ld\nplayback_closes %ld\nplayback_reopens %ld\n"
-                "playback_xrun_reopens %ld\n", playback.writes.load(), playback.xruns.load(), playback.closes.load(),
-                playback.reopens.load(), playback.xrunReopens.load());
-    std::printf("mixer_reopens %ld\nmixer_changes %ld\nmixer_sets %ld\nerror_lines %ld\n", mixerReopens,
-                mixerChanges, mixerSets, counter->errors.load());
+                "playback_xrun_reopens %ld\n",
+                playback.writes.load(), playback.xruns.load(), playback.closes.load(), playback.reopens.load(),
+                playback.xrunReopens.load());
+    std::printf("mixer_reopens %ld\nmixer_changes %ld\nmixer_sets %ld\nerror_lines %ld\n", mixerReopens, mixerChanges,
+                mixerSets, counter->errors.load());
     std::printf("rss_kb %ld %ld\nfds %d %d\nthreads %d %d\n", first.rssKb, last.rssKb, first.fds, last.fds,
                 first.threads, last.threads);
     QStringList rss;
@@ -353,8 +360,8 @@ int main(int argc, char** argv)
 
     // A capture or playback stuck inside ALSA can be neither stopped nor
     // destroyed: the figures are out, so leave without waiting for it.
-    const bool captureStuck = provider.captureStatus().state == quil::CaptureState::Running
-        && nowMs() - shared.lastBlockMs > 10000;
+    const bool captureStuck =
+        provider.captureStatus().state == quil::CaptureState::Running && nowMs() - shared.lastBlockMs > 10000;
     const bool playbackStuck = nowMs() - shared.lastWriteMs > 10000;
     hostRetry.stop();
     provider.stop();

@@ -31,8 +31,8 @@ template <class Signal>
 bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, const QObject* receiver,
                                       Qt::ConnectionType type)
 {
-    const bool crossesThreads = type == Qt::QueuedConnection
-        || (type == Qt::AutoConnection && sender->thread() != receiver->thread());
+    const bool crossesThreads =
+        type == Qt::QueuedConnection || (type == Qt::AutoConnection && sender->thread() != receiver->thread());
     if (!crossesThreads)
         return true;
     const QList<QByteArray> typeNames = QMetaMethod::fromSignal(signal).parameterTypes();
@@ -47,8 +47,8 @@ bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, cons
 /// that the connection was made (assertions as the instantiating code has them).
 /// Any thread, as QObject::connect.
 template <class Sender, class Signal, class Receiver, class Slot>
-QMetaObject::Connection quilConnect(const Sender* sender, Signal signal, const Receiver* receiver,
-                                    Slot slot, Qt::ConnectionType type = Qt::AutoConnection)
+QMetaObject::Connection quilConnect(const Sender* sender, Signal signal, const Receiver* receiver, Slot slot,
+                                    Qt::ConnectionType type = Qt::AutoConnection)
 {
     Q_ASSERT(verifyConnectionSignalParameters(sender, signal, receiver, type));
     QMetaObject::Connection connection = QObject::connect(sender, signal, receiver, slot, type);
@@ -56,18 +56,14 @@ QMetaObject::Connection quilConnect(const Sender* sender, Signal signal, const R
     return connection;
 }
 
-template <class T, class... Args>
-class NewQThread;
+template <class T, class... Args> class NewQThread;
 
-template <class T, class... Args>
-T* createInNewQThread(const QString& threadName, Args&&... args);
+template <class T, class... Args> T* createInNewQThread(const QString& threadName, Args&&... args);
 
 /// A thread whose run() first names itself and constructs a T from copies of
 /// the given arguments (so the object belongs to the new thread), then runs
 /// the event loop until told to quit. It never deletes the T.
-template <class T, class... Args>
-class NewQThread : public QThread
-{
+template <class T, class... Args> class NewQThread : public QThread {
 public:
     /// Keeps copies of the arguments for run(); starts nothing.
     NewQThread(const QString& threadName, Args... args)
@@ -93,8 +89,7 @@ protected:
     }
 
 private:
-    template <class U, class... A>
-    friend U* createInNewQThread(const QString& threadName, A&&... args);
+    template <class U, class... A> friend U* createInNewQThread(const QString& threadName, A&&... args);
 
     T* m_object = nullptr;
     QWaitCondition m_objectCreated;
@@ -107,8 +102,7 @@ private:
 /// thread finishes (through the creating thread's event loop); the caller
 /// becomes responsible for the T, which lives in the new thread. Blocks the
 /// calling thread until then; call it from a thread with an event loop.
-template <class T, class... Args>
-T* createInNewQThread(const QString& threadName, Args&&... args)
+template <class T, class... Args> T* createInNewQThread(const QString& threadName, Args&&... args)
 {
     auto* thread = new NewQThread<T, Args...>(threadName, std::forward<Args>(args)...);
     quilConnect(thread, &QThread::finished, thread, &QObject::deleteLater, Qt::AutoConnection);

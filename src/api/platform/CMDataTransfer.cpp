@@ -9,10 +9,12 @@ namespace {
 std::atomic<unsigned int> s_nextKey{1};
 }
 
-class CMDataTransferPrivate
-{
+class CMDataTransferPrivate {
 public:
-    explicit CMDataTransferPrivate(bool isBuffered) : buffered(isBuffered) {}
+    explicit CMDataTransferPrivate(bool isBuffered)
+        : buffered(isBuffered)
+    {
+    }
 
     void deliverQueued(std::unique_lock<std::mutex>& lock);
 
@@ -20,8 +22,8 @@ public:
     const bool buffered;
     mutable std::mutex mutex;
     std::function<void(const QByteArray&)> handler;
-    QList<QByteArray> kept;    // buffered blocks waiting for a handler
-    QList<QByteArray> queue;   // blocks waiting for the thread that is delivering
+    QList<QByteArray> kept; // buffered blocks waiting for a handler
+    QList<QByteArray> queue; // blocks waiting for the thread that is delivering
     bool delivering = false;
     bool finished = false;
     QList<std::function<void(const CMError&)>> finishFunctions;
@@ -111,10 +113,7 @@ bool CMDataTransfer::isFinished() const
     return d->finished;
 }
 
-unsigned int qHash(const CMDataTransfer& transfer)
-{
-    return transfer.d->key;
-}
+unsigned int qHash(const CMDataTransfer& transfer) { return transfer.d->key; }
 
 CMBufferedDataTransfer::CMBufferedDataTransfer()
     : CMDataTransfer(true)

@@ -19,8 +19,7 @@ class CMDataTransferPrivate;
 /// its handler one at a time and in the order dataAvailable() was called; no
 /// internal lock is held while the handler or a finish function runs, so both
 /// may call back into the transfer (a handler may finish its own transfer).
-class CMDataTransfer
-{
+class CMDataTransfer {
 public:
     /// Drops this handle; the transfer goes with its last one.
     virtual ~CMDataTransfer();
@@ -58,8 +57,7 @@ unsigned int qHash(const CMDataTransfer& transfer);
 
 /// A transfer that keeps, in order, the blocks arriving while no handler is
 /// set, and hands them to the handler once one is set.
-class CMBufferedDataTransfer : public CMDataTransfer
-{
+class CMBufferedDataTransfer : public CMDataTransfer {
 public:
     /// Creates a new transfer.
     CMBufferedDataTransfer();
@@ -68,8 +66,7 @@ public:
 };
 
 /// A transfer that drops the blocks arriving while no handler is set.
-class CMUnbufferedDataTransfer : public CMDataTransfer
-{
+class CMUnbufferedDataTransfer : public CMDataTransfer {
 public:
     /// Creates a new transfer.
     CMUnbufferedDataTransfer();

@@ -5,12 +5,6 @@ CMError::CMError(const QHash<QString, QVariant>& details)
 {
 }
 
-bool CMError::isNull() const
-{
-    return m_details.isEmpty();
-}
+bool CMError::isNull() const { return m_details.isEmpty(); }
 
-const QHash<QString, QVariant>& CMError::details() const
-{
-    return m_details;
-}
+const QHash<QString, QVariant>& CMError::details() const { return m_details; }

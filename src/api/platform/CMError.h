@@ -9,8 +9,7 @@
 
 /// Error value handed to a transfer's finish functions. A default-constructed
 /// CMError means "no error".
-class CMError
-{
+class CMError {
 public:
     /// No error.
     CMError() = default;

@@ -11,10 +11,7 @@ void quilSetThreadName(const QString& name)
     pthread_setname_np(pthread_self(), bytes.constData());
 }
 
-std::string dbglog_scopedFunction(const std::string& function, const std::string& /*loggerName*/)
-{
-    return function;
-}
+std::string dbglog_scopedFunction(const std::string& function, const std::string& /*loggerName*/) { return function; }
 
 std::ostream& operator<<(std::ostream& stream, const QString& text)
 {

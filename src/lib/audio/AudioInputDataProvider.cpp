@@ -11,8 +11,8 @@ AudioInputDataProvider::AudioInputDataProvider(AudioInputDevice* device, unsigne
                                                unsigned int oneReadSizeFrames)
 {
     QUIL_TRACE_ENTRY();
-    m_thread = createInNewQThread<AudioInputDataProviderThread>(QStringLiteral("AudioInputT"), device,
-                                                                bufferDurationMs, oneReadSizeFrames);
+    m_thread = createInNewQThread<AudioInputDataProviderThread>(QStringLiteral("AudioInputT"), device, bufferDurationMs,
+                                                                oneReadSizeFrames);
 }
 
 // Deletion and quit take effect once a capture run in progress has finished
@@ -26,7 +26,7 @@ AudioInputDataProvider::~AudioInputDataProvider()
     m_thread->deleteLater();
     thread->quit();
     thread->wait();
-    quil::acceptHandOff(thread);   // published as the worker's destructor ends
+    quil::acceptHandOff(thread); // published as the worker's destructor ends
 }
 
 void AudioInputDataProvider::start()
@@ -71,10 +71,7 @@ CMBufferedDataTransfer AudioInputDataProvider::liveFeedWithOffset(int offsetMs)
     return m_thread->liveFeedWithOffset(offsetMs);
 }
 
-quil::CaptureStatus AudioInputDataProvider::captureStatus() const
-{
-    return m_thread->captureStatus();
-}
+quil::CaptureStatus AudioInputDataProvider::captureStatus() const { return m_thread->captureStatus(); }
 
 void AudioInputDataProvider::setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener)
 {

@@ -25,16 +25,14 @@ class AudioInputDataProviderThread;
 /// Feeds: stop() finishes every feed, the live one for good; read a capture
 /// started again through a new liveFeedWithOffset(), 0 for no past audio.
 /// No operation fails; capture failures show in captureStatus().
-class QUIL_AUDIO_EXPORT AudioInputDataProvider
-{
+class QUIL_AUDIO_EXPORT AudioInputDataProvider {
 public:
     /// Starts the worker thread and builds the worker in it; returns once it
     /// exists. The ring buffer keeps bufferDurationMs of audio (0: none), every
     /// read asks the device for oneReadSizeFrames frames (not 0, and a ring
     /// holds at least one read: both asserted). The device is not owned and
     /// must outlive the provider. Does not start capturing.
-    AudioInputDataProvider(AudioInputDevice* device, unsigned int bufferDurationMs,
-                           unsigned int oneReadSizeFrames);
+    AudioInputDataProvider(AudioInputDevice* device, unsigned int bufferDurationMs, unsigned int oneReadSizeFrames);
     /// Stops capturing and waits until the worker thread has ended: a running
     /// capture completes its current read, finishes every transfer and closes
     /// the device before this returns.

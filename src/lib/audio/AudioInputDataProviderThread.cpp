@@ -17,8 +17,7 @@ namespace quil {
 // outlive: null once the worker is gone (docs/internals.md). Lock order: link
 // mutex before the worker's m_mutex. Also holds the restart timer, kept out of
 // the worker, whose layout is published.
-struct WorkerLink
-{
+struct WorkerLink {
     QMutex mutex;
     AudioInputDataProviderThread* worker;
     QTimer* restartTimer = nullptr;
@@ -42,15 +41,11 @@ const QByteArray& silenceBlock(int firstBlockSize)
 // A ring too large for one QByteArray (a duration far beyond the range that
 // callers may use) is not attempted: left empty, it is reported by the
 // ring-capacity assertion like any other ring that cannot hold a read.
-int heldRingBytes(int bytes)
-{
-    return bytes <= quil::MaxBlockBytes ? bytes : 0;
-}
+int heldRingBytes(int bytes) { return bytes <= quil::MaxBlockBytes ? bytes : 0; }
 
 } // namespace
 
-AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* device,
-                                                           unsigned int bufferDurationMs,
+AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* device, unsigned int bufferDurationMs,
                                                            unsigned int oneReadSizeFrames)
     : QObject(nullptr)
     , m_device(device)
@@ -75,13 +70,13 @@ AudioInputDataProviderThread::AudioInputDataProviderThread(AudioInputDevice* dev
 // its feeds; so is the provider's stop(), which ends a pending restart.
 AudioInputDataProviderThread::~AudioInputDataProviderThread()
 {
-    quil::acceptHandOff(this);   // published by the provider before deleteLater()
+    quil::acceptHandOff(this); // published by the provider before deleteLater()
     m_running = false;
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     {
         quil::MutexLocker locker(&m_link->mutex);
         m_link->worker = nullptr;
-        m_link->restartTimer = nullptr;   // goes with this object
+        m_link->restartTimer = nullptr; // goes with this object
     }
     // Everything this thread did, the capture run's use of the device
     // included, is over: the provider waiting for the thread may now let the
@@ -114,7 +109,7 @@ void AudioInputDataProviderThread::stop()
 // when stop() came has ended by now, and closed, or armed the timer.
 void AudioInputDataProviderThread::endPendingRestart()
 {
-    quil::acceptHandOff(this);   // published by stop()
+    quil::acceptHandOff(this); // published by stop()
     if (m_running || !m_link->restartTimer->isActive())
         return;
     m_link->restartTimer->stop();
@@ -133,15 +128,9 @@ bool AudioInputDataProviderThread::isMuted() const
     return m_muted;
 }
 
-const AudioInputDevice& AudioInputDataProviderThread::audioDevice() const
-{
-    return *m_device;
-}
+const AudioInputDevice& AudioInputDataProviderThread::audioDevice() const { return *m_device; }
 
-CMUnbufferedDataTransfer AudioInputDataProviderThread::liveFeed() const
-{
-    return m_liveFeed;
-}
+CMUnbufferedDataTransfer AudioInputDataProviderThread::liveFeed() const { return m_liveFeed; }
 
 // The feed is registered as held while this thread hands over the prefill
 // outside the lock; the capture loop keeps its blocks back until it is
@@ -169,9 +158,9 @@ CMBufferedDataTransfer AudioInputDataProviderThread::liveFeedWithOffset(int offs
             m_heldFeeds.insert(key, HeldFeed{transfer, {}, false});
     }
     if (offset > ringBytes) {
-        LOG4CPLUS_WARN(logger, "Requested offset '" << offset << "' calculated from offsetMs '" << offsetMs
-                                                    << "' is bigger than the amount of data in the buffer: "
-                                                    << ringBytes);
+        LOG4CPLUS_WARN(logger, "Requested offset '"
+                                   << offset << "' calculated from offsetMs '" << offsetMs
+                                   << "' is bigger than the amount of data in the buffer: " << ringBytes);
     }
     if (!prefill.isEmpty()) {
         transfer.dataAvailable(prefill);
@@ -184,7 +173,7 @@ void AudioInputDataProviderThread::releaseHeldFeed(unsigned int key)
 {
     quil::MutexLocker locker(&m_mutex);
     const auto held = m_heldFeeds.find(key);
-    if (held != m_heldFeeds.end())   // else finished meanwhile
+    if (held != m_heldFeeds.end()) // else finished meanwhile
         held->prefillDelivered = true;
 }
 
@@ -221,8 +210,8 @@ int AudioInputDataProviderThread::ringSize() const
 
 void AudioInputDataProviderThread::on_dataProvider_started()
 {
-    quil::acceptHandOff(this);   // published by start()
-    m_link->restartTimer->stop();   // this run supersedes a pending restart
+    quil::acceptHandOff(this); // published by start()
+    m_link->restartTimer->stop(); // this run supersedes a pending restart
     LOG4CPLUS_TRACE(logger, "Starting Audio Data Provider, read size: " << m_readSizeFrames
                                                                         << ", buffer duration: " << ringSize());
     if (m_running) {
@@ -249,8 +238,8 @@ bool AudioInputDataProviderThread::captureWhileRunning()
     while (m_running) {
         QByteArray block;
         if (!m_device->read(&block, readFrames)) {
-            LOG4CPLUS_ERROR(logger, "Error while reading the input device, restarting provider in "
-                                        << RestartDelayMs << " ms");
+            LOG4CPLUS_ERROR(logger,
+                            "Error while reading the input device, restarting provider in " << RestartDelayMs << " ms");
             setCaptureStatus(quil::CaptureState::Restarting,
                              QStringLiteral("Error while reading the input device, restarting provider in %1 ms")
                                  .arg(RestartDelayMs),
@@ -356,8 +345,7 @@ quil::CaptureStatus AudioInputDataProviderThread::captureStatus() const
     return m_status;
 }
 
-void AudioInputDataProviderThread::setCaptureStatusListener(
-    std::function<void(const quil::CaptureStatus&)> listener)
+void AudioInputDataProviderThread::setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener)
 {
     quil::MutexLocker locker(&m_mutex);
     m_statusListener = std::move(listener);

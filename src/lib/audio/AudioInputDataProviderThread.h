@@ -31,8 +31,7 @@ struct WorkerLink;
 /// the worker thread's event loop until it ends: on stop() after the current
 /// block, on a read error (a new run follows 2000 ms later), or on an open error.
 /// captureStatus() tells which, with the device's reason for a failure.
-class QUIL_AUDIO_EXPORT AudioInputDataProviderThread : public QObject
-{
+class QUIL_AUDIO_EXPORT AudioInputDataProviderThread : public QObject {
     Q_OBJECT
 
 public:
@@ -96,8 +95,7 @@ private slots:
 private:
     // A time-shifted feed whose prefill is being handed over by the thread that
     // requested it: the capture loop keeps its blocks back until then.
-    struct HeldFeed
-    {
+    struct HeldFeed {
         CMBufferedDataTransfer transfer;
         QList<QByteArray> backlog;
         bool prefillDelivered = false;
@@ -120,11 +118,11 @@ private:
     quint32 m_readSizeFrames;
     bool m_muted = false;
     CMUnbufferedDataTransfer m_liveFeed;
-    QByteArray m_ringBuffer;   // circular (see PcmRing_p.h), from m_ringOldest on
-    int m_ringOldest = 0;      // index of the oldest byte, where the next block goes
+    QByteArray m_ringBuffer; // circular (see PcmRing_p.h), from m_ringOldest on
+    int m_ringOldest = 0; // index of the oldest byte, where the next block goes
     QHash<unsigned int, CMBufferedDataTransfer> m_transfers;
     QHash<unsigned int, HeldFeed> m_heldFeeds;
     QSharedPointer<quil::WorkerLink> m_link;
-    quil::CaptureStatus m_status;   // under m_mutex
-    std::function<void(const quil::CaptureStatus&)> m_statusListener;   // under m_mutex
+    quil::CaptureStatus m_status; // under m_mutex
+    std::function<void(const quil::CaptureStatus&)> m_statusListener; // under m_mutex
 };

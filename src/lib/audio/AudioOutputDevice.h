@@ -14,20 +14,19 @@
 /// Threads: use a device from one thread at a time; no operation takes a lock.
 /// A failed open() reports false, a failed write() a WriteResult other than
 /// Written; the reason is in errorString() and errorCode(), read right after the call.
-class QUIL_AUDIO_EXPORT AudioOutputDevice
-{
+class QUIL_AUDIO_EXPORT AudioOutputDevice {
 public:
     /// How close() treats audio that is still queued.
     enum CloseMode {
-        Immediate = 0,   ///< discard it and close at once
-        Drain = 1        ///< block until it has played, then close
+        Immediate = 0, ///< discard it and close at once
+        Drain = 1 ///< block until it has played, then close
     };
 
     /// The outcome of one write().
     enum WriteResult {
-        Written = 0,         ///< every whole frame of the block was accepted
-        XrunRecovered = 1,   ///< the device ran dry; it runs on, the rest of the block was dropped
-        DeviceClosed = 2     ///< the device is closed (an unrecoverable error closed it): open() it again
+        Written = 0, ///< every whole frame of the block was accepted
+        XrunRecovered = 1, ///< the device ran dry; it runs on, the rest of the block was dropped
+        DeviceClosed = 2 ///< the device is closed (an unrecoverable error closed it): open() it again
     };
 
     /// Destroying a device closes it with Immediate.

@@ -11,15 +11,14 @@ namespace quil {
 
 /// What an input data provider's capture is doing.
 enum class CaptureState {
-    Stopped,      ///< not capturing: never started, stopped, or ended by a failed open
-    Running,      ///< the device is open and being read
-    Restarting    ///< a read failed; a new run opens the device again 2000 ms later
+    Stopped, ///< not capturing: never started, stopped, or ended by a failed open
+    Running, ///< the device is open and being read
+    Restarting ///< a read failed; a new run opens the device again 2000 ms later
 };
 
 /// A provider's capture state with the reason of its last failure. A
 /// program that runs for months can watch this instead of the log.
-struct CaptureStatus
-{
+struct CaptureStatus {
     /// Stopped at first.
     CaptureState state = CaptureState::Stopped;
     /// Why capture is restarting, or why it stopped after a failed open: the
@@ -35,7 +34,7 @@ struct CaptureStatus
     bool operator==(const CaptureStatus& other) const
     {
         return state == other.state && errorString == other.errorString && errorCode == other.errorCode
-            && restartCount == other.restartCount;
+               && restartCount == other.restartCount;
     }
     /// Differs when any field does.
     bool operator!=(const CaptureStatus& other) const { return !(*this == other); }

@@ -8,10 +8,12 @@ namespace quil {
 // Runs its action when it goes out of scope, unless dismissed first: the
 // release path of a multi-step open() that must leave nothing behind on any
 // failure, including an exception passing through.
-class CleanupAction
-{
+class CleanupAction {
 public:
-    explicit CleanupAction(std::function<void()> action) : m_action(std::move(action)) {}
+    explicit CleanupAction(std::function<void()> action)
+        : m_action(std::move(action))
+    {
+    }
     ~CleanupAction()
     {
         if (!m_dismissed)

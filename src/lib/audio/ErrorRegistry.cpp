@@ -9,15 +9,13 @@
 namespace quil {
 namespace {
 
-struct Entry
-{
+struct Entry {
     QString text;
     int code = 0;
     bool retired = false;
 };
 
-struct Registry
-{
+struct Registry {
     QMutex mutex;
     QHash<const void*, Entry> entries;
     // Mirrors entries.size(): objects with no entry (the common case) are
@@ -32,8 +30,7 @@ Registry& registry()
     return *instance;
 }
 
-template <class Update>
-void update(const void* object, Update change)
+template <class Update> void update(const void* object, Update change)
 {
     Registry& r = registry();
     MutexLocker locker(&r.mutex);
@@ -72,24 +69,15 @@ void ErrorRegistry::clear(const void* object)
     r.size.store(r.entries.size(), std::memory_order_release);
 }
 
-QString ErrorRegistry::text(const void* object)
-{
-    return find(object).text;
-}
+QString ErrorRegistry::text(const void* object) { return find(object).text; }
 
-int ErrorRegistry::code(const void* object)
-{
-    return find(object).code;
-}
+int ErrorRegistry::code(const void* object) { return find(object).code; }
 
 void ErrorRegistry::retire(const void* object)
 {
     update(object, [](Entry& entry) { entry.retired = true; });
 }
 
-bool ErrorRegistry::isRetired(const void* object)
-{
-    return find(object).retired;
-}
+bool ErrorRegistry::isRetired(const void* object) { return find(object).retired; }
 
 } // namespace quil

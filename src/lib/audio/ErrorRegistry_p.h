@@ -13,8 +13,7 @@ namespace quil {
 /// own address, so `this` serves from the concrete class as well. Failures
 /// write; successes never touch the registry, so the read and write paths
 /// stay lock-free. Safe from any thread.
-class ErrorRegistry
-{
+class ErrorRegistry {
 public:
     /// Records text and code as the object's last failure; an empty text
     /// clears the entry instead.

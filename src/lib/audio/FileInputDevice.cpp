@@ -1,8 +1,8 @@
 #include "FileInputDevice.h"
 
 #include "AudioLog_p.h"
-#include "Synchronization_p.h"
 #include "PcmFormat_p.h"
+#include "Synchronization_p.h"
 
 #include <cerrno>
 #include <unistd.h>
@@ -25,14 +25,9 @@ bool FileInputDevice::open()
     return true;
 }
 
-void FileInputDevice::close()
-{
-}
+void FileInputDevice::close() {}
 
-bool FileInputDevice::isOpened()
-{
-    return true;
-}
+bool FileInputDevice::isOpened() { return true; }
 
 bool FileInputDevice::read(QByteArray* buffer, int frameCount)
 {
@@ -72,7 +67,7 @@ qint64 FileInputDevice::readFileInto(QByteArray* buffer)
     quil::MutexLocker locker(&m_mutex);
     while (remaining >= 1) {
         if (!m_file.isOpen())
-            return 0;   // no file: the zero block counts as delivered in full
+            return 0; // no file: the zero block counts as delivered in full
         const qint64 got = m_file.read(buffer->data() + (blockBytes - remaining), remaining);
         if (got == 0) {
             LOG4CPLUS_INFO(logger, "No more data to read");
@@ -106,25 +101,13 @@ void FileInputDevice::pace(qint64 durationMs)
     m_timer.restart();
 }
 
-int FileInputDevice::sampleRate() const
-{
-    return m_sampleRate;
-}
+int FileInputDevice::sampleRate() const { return m_sampleRate; }
 
-int FileInputDevice::bytesPerSample() const
-{
-    return quil::bytesPerSampleOf(m_format);
-}
+int FileInputDevice::bytesPerSample() const { return quil::bytesPerSampleOf(m_format); }
 
-int FileInputDevice::channelCount() const
-{
-    return m_channelCount;
-}
+int FileInputDevice::channelCount() const { return m_channelCount; }
 
-QString FileInputDevice::name() const
-{
-    return QStringLiteral("File Input Device");
-}
+QString FileInputDevice::name() const { return QStringLiteral("File Input Device"); }
 
 bool FileInputDevice::playFile(const QString& path)
 {
@@ -133,7 +116,7 @@ bool FileInputDevice::playFile(const QString& path)
     m_file.close();
     m_file.setFileName(path);
     const bool opened = m_file.open(QIODevice::ReadOnly);
-    const int openErrno = errno;   // QFile keeps only its own error kind
+    const int openErrno = errno; // QFile keeps only its own error kind
     if (!opened)
         QUIL_ERROR_TO(this, -openErrno, "Cannot open file: " << path);
     else

@@ -10,8 +10,7 @@ constexpr int FileFramesReady = 4096;
 
 } // namespace
 
-FileOutputDevice::FileOutputDevice(const QString& fileName, int sampleRate, int channelCount,
-                                   _snd_pcm_format format)
+FileOutputDevice::FileOutputDevice(const QString& fileName, int sampleRate, int channelCount, _snd_pcm_format format)
     : m_file(fileName)
     , m_sampleRate(sampleRate)
     , m_channelCount(channelCount)
@@ -33,15 +32,9 @@ bool FileOutputDevice::open()
     return false;
 }
 
-void FileOutputDevice::close(AudioOutputDevice::CloseMode)
-{
-    m_file.close();
-}
+void FileOutputDevice::close(AudioOutputDevice::CloseMode) { m_file.close(); }
 
-bool FileOutputDevice::isOpened()
-{
-    return m_file.isOpen();
-}
+bool FileOutputDevice::isOpened() { return m_file.isOpen(); }
 
 // Nothing reports a write to a closed file, so it is not even attempted: Qt
 // would only print a warning of its own.
@@ -57,27 +50,12 @@ AudioOutputDevice::WriteResult FileOutputDevice::write(const QByteArray& data)
     return Written;
 }
 
-int FileOutputDevice::framesReady() const
-{
-    return FileFramesReady;
-}
+int FileOutputDevice::framesReady() const { return FileFramesReady; }
 
-int FileOutputDevice::sampleRate() const
-{
-    return m_sampleRate;
-}
+int FileOutputDevice::sampleRate() const { return m_sampleRate; }
 
-int FileOutputDevice::bytesPerSample() const
-{
-    return quil::bytesPerSampleOf(m_format);
-}
+int FileOutputDevice::bytesPerSample() const { return quil::bytesPerSampleOf(m_format); }
 
-int FileOutputDevice::channelCount() const
-{
-    return m_channelCount;
-}
+int FileOutputDevice::channelCount() const { return m_channelCount; }
 
-QString FileOutputDevice::name() const
-{
-    return QStringLiteral("File Output Device");
-}
+QString FileOutputDevice::name() const { return QStringLiteral("File Output Device"); }

@@ -16,12 +16,10 @@
 /// Every open() of a closed device starts the file empty. Write failures of
 /// the file system do not change write()'s result; errorString() names them
 /// (this device logs nothing). Threads: as AudioOutputDevice, one at a time.
-class QUIL_AUDIO_EXPORT FileOutputDevice : public AudioOutputDevice
-{
+class QUIL_AUDIO_EXPORT FileOutputDevice : public AudioOutputDevice {
 public:
     /// Opens nothing; the format values are reported as given, never validated.
-    FileOutputDevice(const QString& fileName, int sampleRate, int channelCount,
-                     _snd_pcm_format format);
+    FileOutputDevice(const QString& fileName, int sampleRate, int channelCount, _snd_pcm_format format);
     /// Closes the file if it is open.
     ~FileOutputDevice() override;
 

@@ -19,9 +19,13 @@ inline int bytesPerSampleOf(snd_pcm_format_t format)
     // The usual formats without a call into libasound: read() and write()
     // size every block with this.
     switch (format) {
-    case SND_PCM_FORMAT_S16_LE: return 2;
-    case SND_PCM_FORMAT_S32_LE: case SND_PCM_FORMAT_FLOAT_LE: return 4;
-    default: break;
+    case SND_PCM_FORMAT_S16_LE:
+        return 2;
+    case SND_PCM_FORMAT_S32_LE:
+    case SND_PCM_FORMAT_FLOAT_LE:
+        return 4;
+    default:
+        break;
     }
     const int width = snd_pcm_format_width(format);
     return width > 0 ? width / 8 : 0;
@@ -33,10 +37,13 @@ inline int bytesPerSampleOf(snd_pcm_format_t format)
 inline void fillWithSilence(snd_pcm_format_t format, char* data, int bytes)
 {
     switch (format) {
-    case SND_PCM_FORMAT_S16_LE: case SND_PCM_FORMAT_S32_LE: case SND_PCM_FORMAT_FLOAT_LE:
+    case SND_PCM_FORMAT_S16_LE:
+    case SND_PCM_FORMAT_S32_LE:
+    case SND_PCM_FORMAT_FLOAT_LE:
         std::memset(data, 0, static_cast<size_t>(bytes));
         return;
-    default: break;
+    default:
+        break;
     }
     const int width = bytesPerSampleOf(format);
     if (width > 0)

@@ -7,7 +7,7 @@
 /// Marks a class of the library's binary interface: the library is built with
 /// hidden visibility, and only the classes marked with it are exported.
 #if defined(QUIL_AUDIO_BUILDING_LIBRARY)
-#  define QUIL_AUDIO_EXPORT __attribute__((visibility("default")))
+#define QUIL_AUDIO_EXPORT __attribute__((visibility("default")))
 #else
-#  define QUIL_AUDIO_EXPORT
+#define QUIL_AUDIO_EXPORT
 #endif

@@ -33,8 +33,7 @@ inline void acceptHandOff(const void* key)
 }
 
 // QMutexLocker for the library's own mutexes.
-class MutexLocker
-{
+class MutexLocker {
 public:
     explicit MutexLocker(QMutex* mutex)
         : m_mutex(mutex)

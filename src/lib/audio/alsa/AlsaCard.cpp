@@ -17,10 +17,7 @@ AlsaCard::AlsaCard(const QString& name, bool open)
         AlsaCard::open();
 }
 
-AlsaCard::~AlsaCard()
-{
-    quil::ErrorRegistry::clear(this);
-}
+AlsaCard::~AlsaCard() { quil::ErrorRegistry::clear(this); }
 
 bool AlsaCard::open()
 {
@@ -35,15 +32,9 @@ bool AlsaCard::open()
     return true;
 }
 
-bool AlsaCard::isOpen() const
-{
-    return m_handle && m_handle->isOpen();
-}
+bool AlsaCard::isOpen() const { return m_handle && m_handle->isOpen(); }
 
-QString AlsaCard::name() const
-{
-    return m_name;
-}
+QString AlsaCard::name() const { return m_name; }
 
 QList<QString> AlsaCard::elementNames() const
 {

@@ -30,7 +30,8 @@ QList<AlsaDevices::Pcm> AlsaDevices::pcms(int* errorCode)
 {
     QUIL_TRACE_ENTRY();
     void** hints = nullptr;
-    if (QUIL_ALSA_FAILED(reported(snd_device_name_hint(-1, "pcm", &hints), errorCode), "Cannot read the device name hints: "))
+    if (QUIL_ALSA_FAILED(reported(snd_device_name_hint(-1, "pcm", &hints), errorCode),
+                         "Cannot read the device name hints: "))
         return {};
     const std::unique_ptr<void*, decltype(&snd_device_name_free_hint)> owned(hints, &snd_device_name_free_hint);
     QList<Pcm> found;
@@ -72,8 +73,9 @@ QVector<snd_pcm_format_t> AlsaDevices::formats(const QString& name, snd_pcm_stre
 {
     QUIL_TRACE_ENTRY(<< "Name: " << name << ", stream: " << stream);
     snd_pcm_t* opened = nullptr;
-    if (QUIL_ALSA_FAILED(reported(snd_pcm_open(&opened, name.toLocal8Bit().constData(), stream, SND_PCM_NONBLOCK),
-                                  errorCode), "Cannot open the PCM to probe its formats: "))
+    if (QUIL_ALSA_FAILED(
+            reported(snd_pcm_open(&opened, name.toLocal8Bit().constData(), stream, SND_PCM_NONBLOCK), errorCode),
+            "Cannot open the PCM to probe its formats: "))
         return {};
     const std::unique_ptr<snd_pcm_t, decltype(&snd_pcm_close)> pcm(opened, &snd_pcm_close);
     snd_pcm_hw_params_t* params = nullptr;

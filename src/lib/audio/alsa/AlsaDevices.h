@@ -12,12 +12,10 @@
 /// choose a device: the PCMs that ALSA's device name hints name, the sound
 /// cards, and the sample formats a PCM takes. Each call asks ALSA afresh;
 /// safe from any thread.
-class QUIL_AUDIO_EXPORT AlsaDevices
-{
+class QUIL_AUDIO_EXPORT AlsaDevices {
 public:
     /// A PCM that a device name hint describes.
-    struct Pcm
-    {
+    struct Pcm {
         /// The name to open it by, e.g. "default" or "hw:CARD=PCH,DEV=0".
         QString name;
         /// As the hint gives it; hardware hints hold several lines.
@@ -29,8 +27,7 @@ public:
     };
 
     /// A sound card as the kernel names it.
-    struct Card
-    {
+    struct Card {
         /// ALSA's card number, the N of "hw:N".
         int index = -1;
         /// The card's short name.

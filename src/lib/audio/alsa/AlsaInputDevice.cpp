@@ -30,9 +30,8 @@ const char* readErrorPrefix(snd_pcm_sframes_t error)
 
 } // namespace
 
-AlsaInputDevice::AlsaInputDevice(const QString& deviceName, int sampleRate,
-                                 unsigned int channelCount, _snd_pcm_format format,
-                                 int periodTimeMs, int bufferTimeMs)
+AlsaInputDevice::AlsaInputDevice(const QString& deviceName, int sampleRate, unsigned int channelCount,
+                                 _snd_pcm_format format, int periodTimeMs, int bufferTimeMs)
     : m_deviceName(deviceName)
     , m_sampleRate(sampleRate)
     , m_channelCount(channelCount)
@@ -42,10 +41,7 @@ AlsaInputDevice::AlsaInputDevice(const QString& deviceName, int sampleRate,
 {
 }
 
-AlsaInputDevice::~AlsaInputDevice()
-{
-    AlsaInputDevice::close();
-}
+AlsaInputDevice::~AlsaInputDevice() { AlsaInputDevice::close(); }
 
 bool AlsaInputDevice::open()
 {
@@ -57,8 +53,8 @@ bool AlsaInputDevice::open()
 
     const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE);
     if (openResult < 0) {
-        QUIL_ERROR_TO(this, openResult, "Cannot open capture device '" << m_deviceName
-                                                               << "': " << snd_strerror(openResult));
+        QUIL_ERROR_TO(this, openResult,
+                      "Cannot open capture device '" << m_deviceName << "': " << snd_strerror(openResult));
         return false;
     }
     LOG4CPLUS_TRACE(logger, "Capture device opened.");
@@ -69,8 +65,7 @@ bool AlsaInputDevice::open()
             snd_pcm_hw_params_free(params);
         cleanupPcm(&m_pcm);
     });
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_malloc(&params),
-                         "Cannot allocate hardware parameter structure: "))
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_malloc(&params), "Cannot allocate hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params allocated");
     if (!setHwParams(params))
@@ -85,12 +80,12 @@ bool AlsaInputDevice::open()
 bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
 {
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_any(m_pcm, params),
-                         "Cannot initialize hardware parameter structure: "))
+                            "Cannot initialize hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params initialized");
 
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                         "Cannot set access type: "))
+                            "Cannot set access type: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params access set");
 
@@ -100,11 +95,10 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
 
     // Exact channel count and rate: the accessors must describe the delivered data.
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
-                         "Cannot set channel count: "))
+                            "Cannot set channel count: "))
         return false;
     unsigned int channels = 0;
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_get_channels(params, &channels),
-                         "Cannot get channel count: "))
+    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_get_channels(params, &channels), "Cannot get channel count: "))
         return false;
     if (channels != m_channelCount) {
         QUIL_ERROR_TO(this, 0, "Could not set channel count to: " << m_channelCount);
@@ -120,13 +114,12 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
     LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
 
     snd_pcm_uframes_t periodFrames = quil::framesForMs(m_sampleRate, m_periodTimeMs);
-    if (QUIL_ALSA_FAILED_PAREN_TO(this,
-            snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
-            "Unable to set period size for playback: ("))
+    if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
+                                  "Unable to set period size for playback: ("))
         return false;
     snd_pcm_uframes_t bufferFrames = quil::framesForMs(m_sampleRate, m_bufferTimeMs);
     if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
-                               "Unable to set buffer size for playback: ("))
+                                  "Unable to set buffer size for playback: ("))
         return false;
 
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
@@ -141,10 +134,7 @@ void AlsaInputDevice::close()
     cleanupPcm(&m_pcm);
 }
 
-bool AlsaInputDevice::isOpened()
-{
-    return m_pcm != nullptr;
-}
+bool AlsaInputDevice::isOpened() { return m_pcm != nullptr; }
 
 bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
 {
@@ -190,8 +180,8 @@ bool AlsaInputDevice::recoverAfterReadError(snd_pcm_sframes_t error)
     QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, readErrorPrefix(error));
     const int prepared = snd_pcm_prepare(m_pcm);
     if (prepared < 0) {
-        QUIL_ERROR_TO(this, prepared, "AlsaInputDevice: Cannot prepare audio interface for use: "
-                                    << snd_strerror(prepared));
+        QUIL_ERROR_TO(this, prepared,
+                      "AlsaInputDevice: Cannot prepare audio interface for use: " << snd_strerror(prepared));
         cleanupPcm(&m_pcm);
         return false;
     }
@@ -211,25 +201,13 @@ void AlsaInputDevice::sleepAfterEmptyRead(int frameCount) const
     usleep((sleepMs == 0 ? 1u : sleepMs) * 1000u);
 }
 
-int AlsaInputDevice::sampleRate() const
-{
-    return m_sampleRate;
-}
+int AlsaInputDevice::sampleRate() const { return m_sampleRate; }
 
-int AlsaInputDevice::bytesPerSample() const
-{
-    return quil::bytesPerSampleOf(m_format);
-}
+int AlsaInputDevice::bytesPerSample() const { return quil::bytesPerSampleOf(m_format); }
 
-int AlsaInputDevice::channelCount() const
-{
-    return static_cast<int>(m_channelCount);
-}
+int AlsaInputDevice::channelCount() const { return static_cast<int>(m_channelCount); }
 
-QString AlsaInputDevice::name() const
-{
-    return m_deviceName;
-}
+QString AlsaInputDevice::name() const { return m_deviceName; }
 
 void AlsaInputDevice::cleanupPcm(snd_pcm_t** pcm)
 {

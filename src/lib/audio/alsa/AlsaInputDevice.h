@@ -15,13 +15,12 @@
 /// open() may be called again. Not thread-safe: one thread opens, reads and
 /// closes; the accessors may be called from any thread. The reason of a
 /// failed open() or read() is in errorString() and errorCode() (ALSA's code).
-class QUIL_AUDIO_EXPORT AlsaInputDevice : public AudioInputDevice
-{
+class QUIL_AUDIO_EXPORT AlsaInputDevice : public AudioInputDevice {
 public:
     /// Touches no hardware. sampleRate × periodTimeMs and sampleRate × bufferTimeMs
     /// must stay below 2^31.
-    AlsaInputDevice(const QString& deviceName, int sampleRate, unsigned int channelCount,
-                    _snd_pcm_format format, int periodTimeMs, int bufferTimeMs);
+    AlsaInputDevice(const QString& deviceName, int sampleRate, unsigned int channelCount, _snd_pcm_format format,
+                    int periodTimeMs, int bufferTimeMs);
     /// Closes the device.
     ~AlsaInputDevice() override;
 

@@ -15,8 +15,7 @@ constexpr snd_mixer_selem_channel_id_t FirstChannel = SND_MIXER_SCHN_FRONT_LEFT;
 
 // The playback and capture variants of each ALSA call share one signature;
 // only mode 0 means playback.
-template <class Function>
-Function* side(AlsaElementMode mode, Function* playback, Function* capture)
+template <class Function> Function* side(AlsaElementMode mode, Function* playback, Function* capture)
 {
     return mode == 0 ? playback : capture;
 }
@@ -25,8 +24,8 @@ Function* side(AlsaElementMode mode, Function* playback, Function* capture)
 // included; it is logged as the described action + " failed: " + the error
 // text, which also becomes the element's error value.
 template <class Describe>
-bool elementCallFailed(const log4cplus::Logger& log, const void* error, int result, Describe describe,
-                       const char* file, int line, const char* function)
+bool elementCallFailed(const log4cplus::Logger& log, const void* error, int result, Describe describe, const char* file,
+                       int line, const char* function)
 {
     if (result == 0)
         return false;
@@ -40,13 +39,13 @@ bool elementCallFailed(const log4cplus::Logger& log, const void* error, int resu
 } // namespace
 
 // NOLINTBEGIN(bugprone-macro-parentheses): action is a stream chain
-#define QUIL_ELEMENT_CALL_FAILED(result, action)                                                   \
-    elementCallFailed(logger, this, (result), [&](std::ostream& text) { text << action; }, __FILE__,     \
-                      __LINE__, LOG4CPLUS_MACRO_FUNCTION())
+#define QUIL_ELEMENT_CALL_FAILED(result, action)                                                                       \
+    elementCallFailed(                                                                                                 \
+        logger, this, (result), [&](std::ostream& text) { text << action; }, __FILE__, __LINE__,                       \
+        LOG4CPLUS_MACRO_FUNCTION())
 // NOLINTEND(bugprone-macro-parentheses)
 
-AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem,
-                                   QSharedPointer<AlsaMixerHandle> handle)
+AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem, QSharedPointer<AlsaMixerHandle> handle)
     : m_name(name)
     , m_elem(elem)
     , m_handle(std::move(handle))
@@ -66,10 +65,7 @@ AlsaMixerElement::~AlsaMixerElement()
     quil::ErrorRegistry::clear(this);
 }
 
-QString AlsaMixerElement::name() const
-{
-    return m_name;
-}
+QString AlsaMixerElement::name() const { return m_name; }
 
 bool AlsaMixerElement::isUsable() const
 {
@@ -94,12 +90,12 @@ bool AlsaMixerElement::setDB(double dB, AlsaElementMode mode)
     // Truncated toward zero. Beyond long's range (±21 million dB where long has
     // 32 bits) the conversion is undefined: such a gain asks for an end of the range.
     const double hundredths = dB * 100.0;
-    const long value = hundredths >= double(std::numeric_limits<long>::max()) ? std::numeric_limits<long>::max()
-        : hundredths <= double(std::numeric_limits<long>::min())              ? std::numeric_limits<long>::min()
-        : std::isnan(hundredths)                                              ? 0
-                                                                              : static_cast<long>(hundredths);
-    const int result = side(mode, snd_mixer_selem_set_playback_dB_all,
-                            snd_mixer_selem_set_capture_dB_all)(m_elem, value, -1);
+    const long value = hundredths >= double(std::numeric_limits<long>::max())   ? std::numeric_limits<long>::max()
+                       : hundredths <= double(std::numeric_limits<long>::min()) ? std::numeric_limits<long>::min()
+                       : std::isnan(hundredths)                                 ? 0
+                                                                                : static_cast<long>(hundredths);
+    const int result =
+        side(mode, snd_mixer_selem_set_playback_dB_all, snd_mixer_selem_set_capture_dB_all)(m_elem, value, -1);
     return !QUIL_ELEMENT_CALL_FAILED(result, "Set dB on: " << m_name << " to: " << dB);
 }
 
@@ -109,8 +105,8 @@ bool AlsaMixerElement::getDB(double* dB, AlsaElementMode mode)
     if (!isUsableLogged())
         return false;
     long value = 0;
-    const int result = side(mode, snd_mixer_selem_get_playback_dB,
-                            snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &value);
+    const int result =
+        side(mode, snd_mixer_selem_get_playback_dB, snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &value);
     if (QUIL_ELEMENT_CALL_FAILED(result, "Get dB on: " << m_name))
         return false;
     *dB = value / 100.0;
@@ -123,8 +119,8 @@ bool AlsaMixerElement::hasDB(AlsaElementMode mode)
     if (!isUsable())
         return false;
     long scratch = 0;
-    return side(mode, snd_mixer_selem_get_playback_dB,
-                snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &scratch) == 0;
+    return side(mode, snd_mixer_selem_get_playback_dB, snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &scratch)
+           == 0;
 }
 
 bool AlsaMixerElement::setVolume(long value, AlsaElementMode mode)
@@ -132,8 +128,8 @@ bool AlsaMixerElement::setVolume(long value, AlsaElementMode mode)
     QUIL_TRACE_ENTRY(<< m_name << " setVolume " << value);
     if (!isUsableLogged())
         return false;
-    const int result = side(mode, snd_mixer_selem_set_playback_volume_all,
-                            snd_mixer_selem_set_capture_volume_all)(m_elem, value);
+    const int result =
+        side(mode, snd_mixer_selem_set_playback_volume_all, snd_mixer_selem_set_capture_volume_all)(m_elem, value);
     return !QUIL_ELEMENT_CALL_FAILED(result, "Set volume on: " << m_name << " to: " << value);
 }
 
@@ -170,8 +166,8 @@ bool AlsaMixerElement::setSwitch(bool on, AlsaElementMode mode)
     QUIL_TRACE_ENTRY(<< m_name << " setSwitch " << on);
     if (!isUsableLogged())
         return false;
-    const int result = side(mode, snd_mixer_selem_set_playback_switch_all,
-                            snd_mixer_selem_set_capture_switch_all)(m_elem, on ? 1 : 0);
+    const int result =
+        side(mode, snd_mixer_selem_set_playback_switch_all, snd_mixer_selem_set_capture_switch_all)(m_elem, on ? 1 : 0);
     return !QUIL_ELEMENT_CALL_FAILED(result, "Set switch on: " << m_name << " to: " << on);
 }
 
@@ -189,10 +185,7 @@ bool AlsaMixerElement::getSwitch(bool* on, AlsaElementMode mode)
     return true;
 }
 
-bool AlsaMixerElement::isEnumerated()
-{
-    return isUsable() && snd_mixer_selem_is_enumerated(m_elem) != 0;
-}
+bool AlsaMixerElement::isEnumerated() { return isUsable() && snd_mixer_selem_is_enumerated(m_elem) != 0; }
 
 bool AlsaMixerElement::setEnum(unsigned int item)
 {
@@ -232,15 +225,9 @@ bool AlsaMixerElement::getEnumItemName(unsigned int index, QString* name)
     return true;
 }
 
-QString AlsaMixerElement::errorString() const
-{
-    return quil::ErrorRegistry::text(this);
-}
+QString AlsaMixerElement::errorString() const { return quil::ErrorRegistry::text(this); }
 
-int AlsaMixerElement::errorCode() const
-{
-    return quil::ErrorRegistry::code(this);
-}
+int AlsaMixerElement::errorCode() const { return quil::ErrorRegistry::code(this); }
 
 int AlsaMixerElement::mixerElemCallback(_snd_mixer_elem* elem, unsigned int mask)
 {

@@ -17,10 +17,9 @@ class AlsaMixerHandle;
 
 /// The side of a mixer element an operation works on. Only 0 means playback:
 /// every other value acts as capture.
-enum AlsaElementMode : int
-{
-    Playback = 0,   ///< the playback controls
-    Capture = 1,    ///< the capture controls
+enum AlsaElementMode : int {
+    Playback = 0, ///< the playback controls
+    Capture = 1, ///< the capture controls
 };
 
 /// One ALSA simple mixer element (volume, switch, enumerated selector) with
@@ -40,8 +39,7 @@ enum AlsaElementMode : int
 /// the card, whose event loop delivers changed(). The getters and setters
 /// return false (getEnumSize() 0) on failure, and errorString() and errorCode()
 /// tell why; hasDB(), hasSwitch() and isEnumerated() answer false silently.
-class QUIL_AUDIO_EXPORT AlsaMixerElement : public QObject
-{
+class QUIL_AUDIO_EXPORT AlsaMixerElement : public QObject {
     Q_OBJECT
 
 public:

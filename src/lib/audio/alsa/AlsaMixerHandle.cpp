@@ -19,10 +19,7 @@ AlsaMixerHandle::~AlsaMixerHandle()
     quil::ErrorRegistry::clear(this);
 }
 
-QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name)
-{
-    return openHandle(name, nullptr);
-}
+QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name) { return openHandle(name, nullptr); }
 
 QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name, const void* error)
 {
@@ -35,7 +32,7 @@ QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name,
     QSharedPointer<AlsaMixerHandle> handle(new AlsaMixerHandle(mixer));
     const QByteArray deviceName = name.toUtf8();
     if (QUIL_ALSA_FAILED_TO(error, snd_mixer_attach(mixer, deviceName.constData()),
-                         ("Mixer attach " + deviceName + " error: ").constData()))
+                            ("Mixer attach " + deviceName + " error: ").constData()))
         return {};
     if (QUIL_ALSA_FAILED_TO(error, snd_mixer_selem_register(mixer, nullptr, nullptr), "Mixer register error: "))
         return {};
@@ -76,8 +73,8 @@ void AlsaMixerHandle::watchPollDescriptors()
         auto* notifier = new QSocketNotifier(entry.fd, QSocketNotifier::Read, this);
         // Qt 5.15 hides the activated(int) overload from callers; the
         // descriptor of the visible one converts to the slot's int.
-        quilConnect(notifier, &QSocketNotifier::activated, this,
-                    &AlsaMixerHandle::on_alsaMixerEvent_received, Qt::AutoConnection);
+        quilConnect(notifier, &QSocketNotifier::activated, this, &AlsaMixerHandle::on_alsaMixerEvent_received,
+                    Qt::AutoConnection);
         m_notifiers.append(notifier);
     }
 }
@@ -140,10 +137,7 @@ void AlsaMixerHandle::close()
     snd_mixer_close(mixer);
 }
 
-bool AlsaMixerHandle::isOpen() const
-{
-    return m_mixer != nullptr;
-}
+bool AlsaMixerHandle::isOpen() const { return m_mixer != nullptr; }
 
 void AlsaMixerHandle::on_alsaMixerEvent_received(int fd)
 {
@@ -164,15 +158,9 @@ void AlsaMixerHandle::on_alsaMixerEvent_received(int fd)
         close();
 }
 
-QString AlsaMixerHandle::errorString() const
-{
-    return quil::ErrorRegistry::text(this);
-}
+QString AlsaMixerHandle::errorString() const { return quil::ErrorRegistry::text(this); }
 
-int AlsaMixerHandle::errorCode() const
-{
-    return quil::ErrorRegistry::code(this);
-}
+int AlsaMixerHandle::errorCode() const { return quil::ErrorRegistry::code(this); }
 
 // The notifier tells only that some descriptor woke up: a poll() without timeout
 // fills in what happened, and ALSA combines that. If ALSA cannot, 0 stays and a
@@ -183,7 +171,7 @@ unsigned short AlsaMixerHandle::pendingPollEvents()
         entry.revents = 0;
     ::poll(m_pollFds.data(), static_cast<nfds_t>(m_pollFds.size()), 0);
     unsigned short revents = 0;
-    snd_mixer_poll_descriptors_revents(m_mixer, m_pollFds.data(),
-                                       static_cast<unsigned int>(m_pollFds.size()), &revents);
+    snd_mixer_poll_descriptors_revents(m_mixer, m_pollFds.data(), static_cast<unsigned int>(m_pollFds.size()),
+                                       &revents);
     return revents;
 }

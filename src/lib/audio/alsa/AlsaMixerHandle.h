@@ -12,7 +12,6 @@
 
 #include <poll.h>
 
-
 class QSocketNotifier;
 
 /// \file
@@ -33,8 +32,7 @@ class QSocketNotifier;
 ///
 /// Not thread-safe: use it, and drop its last reference, on the thread that
 /// opened it, which must run a Qt event loop. Most hosts use it through AlsaCard.
-class QUIL_AUDIO_EXPORT AlsaMixerHandle : public QObject
-{
+class QUIL_AUDIO_EXPORT AlsaMixerHandle : public QObject {
     Q_OBJECT
 
 public:

@@ -19,10 +19,7 @@ constexpr int NotRequested = -1;
 // A frame count handed to a setter is a request (above 0) or none: 0 frames
 // means nothing ALSA could honour and a negative one would become a rate × -1 ms
 // target, so both are stored as "not requested", leaving the quantity to ALSA.
-int requestedFrameCount(int frames)
-{
-    return frames > 0 ? frames : NotRequested;
-}
+int requestedFrameCount(int frames) { return frames > 0 ? frames : NotRequested; }
 
 // The frames asked for by a frames/ms pair: the frames when given, else the ms
 // at the negotiated rate; nothing when neither was asked for. A time below 0
@@ -45,16 +42,12 @@ unsigned int msForFrames(snd_pcm_uframes_t frames, unsigned int sampleRate)
     return static_cast<unsigned int>(frames) * 1000u / sampleRate;
 }
 
-int64_t nanoseconds(const timespec& time)
-{
-    return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
-}
+int64_t nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec; }
 
 } // namespace
 
-AlsaOutputDevice::AlsaOutputDevice(const QString& deviceName, unsigned int sampleRate,
-                                   unsigned int channels, _snd_pcm_format format,
-                                   int periodTimeMs, int bufferTimeMs)
+AlsaOutputDevice::AlsaOutputDevice(const QString& deviceName, unsigned int sampleRate, unsigned int channels,
+                                   _snd_pcm_format format, int periodTimeMs, int bufferTimeMs)
     : m_deviceName(deviceName)
     , m_requestedSampleRate(sampleRate)
     , m_requestedChannels(channels)
@@ -64,10 +57,7 @@ AlsaOutputDevice::AlsaOutputDevice(const QString& deviceName, unsigned int sampl
 {
 }
 
-AlsaOutputDevice::~AlsaOutputDevice()
-{
-    AlsaOutputDevice::close(Immediate);
-}
+AlsaOutputDevice::~AlsaOutputDevice() { AlsaOutputDevice::close(Immediate); }
 
 void AlsaOutputDevice::setPeriodTimeMs(int ms)
 {
@@ -105,20 +95,11 @@ void AlsaOutputDevice::setStartThreshold(int frames)
     m_requestedStartThresholdMs = NotRequested;
 }
 
-void AlsaOutputDevice::enableSamplerateNear()
-{
-    m_samplerateNear = true;
-}
+void AlsaOutputDevice::enableSamplerateNear() { m_samplerateNear = true; }
 
-void AlsaOutputDevice::enableChannelsNear()
-{
-    m_channelsNear = true;
-}
+void AlsaOutputDevice::enableChannelsNear() { m_channelsNear = true; }
 
-void AlsaOutputDevice::enableTstamp()
-{
-    m_tstampEnabled = true;
-}
+void AlsaOutputDevice::enableTstamp() { m_tstampEnabled = true; }
 
 bool AlsaOutputDevice::open()
 {
@@ -130,8 +111,8 @@ bool AlsaOutputDevice::open()
 
     const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK);
     if (openResult < 0) {
-        QUIL_ERROR_TO(this, openResult, "Cannot open playback device '" << m_deviceName
-                                                                << "': " << snd_strerror(openResult));
+        QUIL_ERROR_TO(this, openResult,
+                      "Cannot open playback device '" << m_deviceName << "': " << snd_strerror(openResult));
         return false;
     }
     LOG4CPLUS_TRACE(logger, "Playback device opened.");
@@ -154,12 +135,12 @@ bool AlsaOutputDevice::setHwParams()
     snd_pcm_hw_params_alloca(&params);
 
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_any(m_pcm, params),
-                         "Cannot initialize hardware parameter structure: "))
+                            "Cannot initialize hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams initialized");
 
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                         "Cannot set access type: "))
+                            "Cannot set access type: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams access set");
 
@@ -178,7 +159,7 @@ bool AlsaOutputDevice::negotiateChannels(snd_pcm_hw_params_t* params)
 {
     m_channels = m_requestedChannels;
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_channels_near(m_pcm, params, &m_channels),
-                         "Cannot set channel count: "))
+                            "Cannot set channel count: "))
         return false;
     if (m_channels != m_requestedChannels && !m_channelsNear) {
         QUIL_ERROR_TO(this, 0, "Could not set channel count to: " << m_requestedChannels);
@@ -194,8 +175,8 @@ bool AlsaOutputDevice::negotiateRate(snd_pcm_hw_params_t* params)
     // sampleRate() reports the rate as an int: a larger one (a negative rate
     // converted by the caller) is refused, although plugins such as null take it.
     const int result = m_sampleRate <= static_cast<unsigned int>(std::numeric_limits<int>::max())
-        ? snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr)
-        : -EINVAL;
+                           ? snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr)
+                           : -EINVAL;
     if (QUIL_ALSA_FAILED_TO(this, result, "Cannot set sample rate: "))
         return false;
     if (m_sampleRate != m_requestedSampleRate && !m_samplerateNear) {
@@ -213,14 +194,14 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
     if (const auto period = requestedFrames(m_requestedPeriodSize, m_requestedPeriodTimeMs, m_sampleRate)) {
         m_periodSize = *period;
         if (QUIL_ALSA_FAILED_PAREN_TO(this,
-                snd_pcm_hw_params_set_period_size_near(m_pcm, params, &m_periodSize, nullptr),
-                "Unable to set period size for playback: ("))
+                                      snd_pcm_hw_params_set_period_size_near(m_pcm, params, &m_periodSize, nullptr),
+                                      "Unable to set period size for playback: ("))
             return false;
     }
     if (const auto buffer = requestedFrames(m_requestedBufferSize, m_requestedBufferTimeMs, m_sampleRate)) {
         m_bufferSize = *buffer;
         if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &m_bufferSize),
-                                   "Unable to set buffer size for playback: ("))
+                                      "Unable to set buffer size for playback: ("))
             return false;
     }
     return true;
@@ -229,10 +210,10 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
 bool AlsaOutputDevice::readBackPeriodAndBuffer(snd_pcm_hw_params_t* params)
 {
     if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_get_period_size(params, &m_periodSize, nullptr),
-                               "Unable to get period size for playback: ("))
+                                  "Unable to get period size for playback: ("))
         return false;
     return !QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_get_buffer_size(params, &m_bufferSize),
-                                   "Unable to get buffer size for playback: (");
+                                      "Unable to get buffer size for playback: (");
 }
 
 bool AlsaOutputDevice::setSwParams()
@@ -241,25 +222,23 @@ bool AlsaOutputDevice::setSwParams()
     snd_pcm_sw_params_alloca(&params);
 
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_current(m_pcm, params),
-                         "Unable to determine current swparams for playback: "))
+                            "Unable to determine current swparams for playback: "))
         return false;
     if (!applyStartThreshold(params))
         return false;
     if (m_tstampEnabled && !applyTimestamps(params))
         return false;
-    return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params(m_pcm, params),
-                             "Unable to set sw params for playback: ");
+    return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params(m_pcm, params), "Unable to set sw params for playback: ");
 }
 
 // Without a request the device's own threshold stays and is only reported;
 // a request beyond the buffer could never start playback, so it is clamped.
 bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
 {
-    const auto threshold =
-        requestedFrames(m_requestedStartThreshold, m_requestedStartThresholdMs, m_sampleRate);
+    const auto threshold = requestedFrames(m_requestedStartThreshold, m_requestedStartThresholdMs, m_sampleRate);
     if (!threshold) {
         return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_get_start_threshold(params, &m_startThreshold),
-                                 "Unable to get start threshold mode for playback: ");
+                                    "Unable to get start threshold mode for playback: ");
     }
     m_startThreshold = *threshold;
     if (m_bufferSize < m_startThreshold) {
@@ -267,7 +246,7 @@ bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
         m_startThreshold = m_bufferSize;
     }
     return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_set_start_threshold(m_pcm, params, m_startThreshold),
-                             "Unable to set start threshold mode for playback: ");
+                                "Unable to set start threshold mode for playback: ");
 }
 
 // delay() compares the status timestamp with CLOCK_MONOTONIC_RAW, so ALSA
@@ -275,11 +254,11 @@ bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
 bool AlsaOutputDevice::applyTimestamps(snd_pcm_sw_params_t* params)
 {
     if (QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_set_tstamp_mode(m_pcm, params, SND_PCM_TSTAMP_ENABLE),
-                         "Unable to set tstamp mode for playback: "))
+                            "Unable to set tstamp mode for playback: "))
         return false;
     return !QUIL_ALSA_FAILED_TO(this,
-        snd_pcm_sw_params_set_tstamp_type(m_pcm, params, SND_PCM_TSTAMP_TYPE_MONOTONIC_RAW),
-        "Unable to set tstamp type for playback: ");
+                                snd_pcm_sw_params_set_tstamp_type(m_pcm, params, SND_PCM_TSTAMP_TYPE_MONOTONIC_RAW),
+                                "Unable to set tstamp type for playback: ");
 }
 
 AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
@@ -340,8 +319,8 @@ int AlsaOutputDevice::framesReady() const
         return static_cast<int>(frames);
     const int code = static_cast<int>(frames);
     if (code == -EPIPE) {
-        QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this,
-            code, "AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ");
+        QUIL_LOG_ALSA_RUNTIME_ERROR_TO(
+            this, code, "AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ");
         snd_pcm_recover(m_pcm, code, 0);
         return 0;
     }
@@ -351,7 +330,7 @@ int AlsaOutputDevice::framesReady() const
 
 int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
 {
-    if (!m_pcm)   // no status to read, as when ALSA cannot give one, but nothing to log
+    if (!m_pcm) // no status to read, as when ALSA cannot give one, but nothing to log
         return -1;
     snd_pcm_status_t* status = nullptr;
     snd_pcm_status_alloca(&status);
@@ -390,60 +369,27 @@ void AlsaOutputDevice::close(AudioOutputDevice::CloseMode mode)
     cleanupPcm(&m_pcm);
 }
 
-bool AlsaOutputDevice::isOpened()
-{
-    return m_pcm != nullptr;
-}
+bool AlsaOutputDevice::isOpened() { return m_pcm != nullptr; }
 
-int AlsaOutputDevice::sampleRate() const
-{
-    return static_cast<int>(m_sampleRate);
-}
+int AlsaOutputDevice::sampleRate() const { return static_cast<int>(m_sampleRate); }
 
-int AlsaOutputDevice::bytesPerSample() const
-{
-    return quil::bytesPerSampleOf(m_format);
-}
+int AlsaOutputDevice::bytesPerSample() const { return quil::bytesPerSampleOf(m_format); }
 
-int AlsaOutputDevice::channelCount() const
-{
-    return static_cast<int>(m_channels);
-}
+int AlsaOutputDevice::channelCount() const { return static_cast<int>(m_channels); }
 
-QString AlsaOutputDevice::name() const
-{
-    return m_deviceName;
-}
+QString AlsaOutputDevice::name() const { return m_deviceName; }
 
-snd_pcm_uframes_t AlsaOutputDevice::periodSize() const
-{
-    return m_periodSize;
-}
+snd_pcm_uframes_t AlsaOutputDevice::periodSize() const { return m_periodSize; }
 
-snd_pcm_uframes_t AlsaOutputDevice::bufferSize() const
-{
-    return m_bufferSize;
-}
+snd_pcm_uframes_t AlsaOutputDevice::bufferSize() const { return m_bufferSize; }
 
-snd_pcm_uframes_t AlsaOutputDevice::startThreshold() const
-{
-    return m_startThreshold;
-}
+snd_pcm_uframes_t AlsaOutputDevice::startThreshold() const { return m_startThreshold; }
 
-unsigned int AlsaOutputDevice::periodTimeMs() const
-{
-    return msForFrames(m_periodSize, m_sampleRate);
-}
+unsigned int AlsaOutputDevice::periodTimeMs() const { return msForFrames(m_periodSize, m_sampleRate); }
 
-unsigned int AlsaOutputDevice::bufferTimeMs() const
-{
-    return msForFrames(m_bufferSize, m_sampleRate);
-}
+unsigned int AlsaOutputDevice::bufferTimeMs() const { return msForFrames(m_bufferSize, m_sampleRate); }
 
-unsigned int AlsaOutputDevice::startThresholdMs() const
-{
-    return msForFrames(m_startThreshold, m_sampleRate);
-}
+unsigned int AlsaOutputDevice::startThresholdMs() const { return msForFrames(m_startThreshold, m_sampleRate); }
 
 void AlsaOutputDevice::cleanupPcm(snd_pcm_t** pcm)
 {

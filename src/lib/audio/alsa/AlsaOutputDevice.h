@@ -24,13 +24,12 @@
 /// the device. Not thread-safe: use a device from one thread at a time. The
 /// reason of a failure (false, -1, a WriteResult but Written) is in
 /// errorString() and errorCode() (ALSA's code), read right after the call.
-class QUIL_AUDIO_EXPORT AlsaOutputDevice : public AudioOutputDevice
-{
+class QUIL_AUDIO_EXPORT AlsaOutputDevice : public AudioOutputDevice {
 public:
     /// Touches no hardware. A time of -1 (or any below 0) leaves that quantity
     /// to ALSA unless a setter asks for it later.
-    AlsaOutputDevice(const QString& deviceName, unsigned int sampleRate, unsigned int channels,
-                     _snd_pcm_format format, int periodTimeMs, int bufferTimeMs);
+    AlsaOutputDevice(const QString& deviceName, unsigned int sampleRate, unsigned int channels, _snd_pcm_format format,
+                     int periodTimeMs, int bufferTimeMs);
     /// Closes the device with Immediate: queued audio is discarded.
     ~AlsaOutputDevice() override;
 
