@@ -138,6 +138,7 @@ TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
     EXPECT_EQ(device.errorCode(), -ENODEV);
     EXPECT_TRUE(device.open());
     EXPECT_EQ(device.errorCode(), 0);
+    EXPECT_TRUE(!device.read(&block, 1 << 30) && device.errorCode() == 0 && device.isOpened());   // 4 GiB: refused
 }
 
 TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasingAll)
@@ -213,4 +214,10 @@ TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosAfterItsEnd)
     EXPECT_FALSE(device.playFile(dataDirectory() + "/no-such.raw"));
     EXPECT_EQ(device.errorCode(), -ENOENT);
     EXPECT_TRUE(!FileInputDevice(0, 2, S16).read(&block, 480) && FileInputDevice(1, 2, S16).read(&block, 0));
+    FileInputDevice bytes(48000, 1, SND_PCM_FORMAT_U8);   // one-byte frames: a one-byte block
+    ASSERT_TRUE(bytes.open() && bytes.playFile(writeDataFile(QStringLiteral("one-byte.raw"), "\x7f")));
+    ASSERT_TRUE(bytes.read(&block, 1));
+    EXPECT_EQ(block, QByteArray("\x7f"));
+    FileInputDevice wide(48000, 8, SND_PCM_FORMAT_S32_LE);   // no block of 2^31 bytes or more: no code to give
+    EXPECT_TRUE(!wide.read(&block, 1 << 26) && wide.errorCode() == 0 && !wide.errorString().isEmpty());
 }

@@ -91,14 +91,17 @@ TEST_F(MixerTest, EveryControlFailureFailsCleanly)
         EXPECT_TRUE(c.fails());
         EXPECT_EQ(m_log.errors().size(), c.logs ? 1 : 0);
         const AlsaMixerElementPtr& failed = master->errorString() == m_log.errors().value(0) ? master : source;
-        if (c.logs)
+        if (c.logs) {
             EXPECT_EQ(std::make_pair(failed->errorString(), failed->errorCode()), std::make_pair(m_log.errors().value(0), -EIO));
+            EXPECT_TRUE(failed->errorString().contains(failed->name()));   // says which element failed
+        }
     }
 }
 
 TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
 {
     AlsaCard card("testmix", false);
+    EXPECT_EQ(card.errorString(), QString());   // no handle yet, nothing failed
     EXPECT_FALSE(card.loadMixerElement("master"));
     EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair(QString("Cannot load mixer element, not opened testmix"), 0));
     EXPECT_TRUE(card.elementNames().isEmpty());
@@ -182,6 +185,7 @@ TEST_F(MixerTest, ElementsOfAClosedMixerOrRemovedByAlsaAreRetiredAndReplaced)
         EXPECT_TRUE(dB == 1 && volume == 2 && item == 5);
         EXPECT_EQ(faults::calls("snd_mixer_"), 0);
         EXPECT_EQ(m_log.errors(), QVector<QString>(5, "Mixer element Master is no longer available").toList());
+        EXPECT_EQ(old->errorCode(), 0);
         const std::clock_t cpu = std::clock();
         QEventLoop idle;
         QTimer::singleShot(300, &idle, &QEventLoop::quit);

@@ -35,6 +35,7 @@ TEST_F(PlaybackTest, FileDeviceWritesRawBlocksAndStartsEmptyOnEveryOpen)
     EXPECT_EQ(device.write(first), Out::Written);
     EXPECT_TRUE(device.open());   // already open: keeps what was written
     EXPECT_EQ(device.write(second), Out::Written);
+    EXPECT_EQ(device.errorString(), QString());
     device.close(Out::Drain);
     EXPECT_TRUE(!device.isOpened() && fileContent(path) == first + second);
     ASSERT_TRUE(device.open());
@@ -48,6 +49,7 @@ TEST_F(PlaybackTest, PeriodBufferAndThresholdFollowTheLastSetterOfEachPair)
     struct Case { std::function<void(AlsaOutputDevice&)> configure; unsigned period, buffer, threshold; };
     const QList<Case> cases{
         {[](AlsaOutputDevice&) {}, 960, 4800, 1},
+        {[](AlsaOutputDevice& d) { d.setStartThresholdMs(0); }, 960, 4800, 0},   // 0 ms is a request too
         {[](AlsaOutputDevice& d) { d.setPeriodSize(1024); d.setBufferSize(8192); d.setStartThreshold(2048); }, 1024, 8192, 2048},
         {[](AlsaOutputDevice& d) { d.setPeriodSize(1024); d.setPeriodTimeMs(10); d.setBufferSize(8192);
              d.setBufferTimeMs(200); d.setStartThreshold(99); d.setStartThresholdMs(50); }, 480, 9600, 2400},
@@ -159,6 +161,8 @@ TEST_F(PlaybackTest, FramesReadyDelayAndClose)
     EXPECT_LT(ageUs, 200000);
     faults::arm("snd_pcm_status", -EIO);
     EXPECT_EQ(device.delay(&ageUs), -1);
+    EXPECT_EQ(device.errorCode(), -EIO);
+    EXPECT_TRUE(device.open() && device.errorCode() == 0);   // open() on an open device starts afresh
     for (auto mode : {Out::Drain, Out::Immediate}) {
         ASSERT_TRUE(device.open());
         device.close(mode);
@@ -197,12 +201,21 @@ TEST_F(PlaybackTest, EveryFailingNegotiationStepFailsOpenAndReleasesAll)
     }
 }
 
-// What play probes before it chooses a format to read a file in; the PCM
-// listing is checked through `quil-audio devices` (tests/tools).
-TEST_F(PlaybackTest, DevicesTellTheFormatsAPcmTakes)
+// The hinted PCMs of the test configuration, the cards, and what play probes before it chooses a format to read a file in.
+TEST_F(PlaybackTest, DevicesListHintedPcmsCardsAndTheFormatsAPcmTakes)
 {
+    int code = 1;
+    const QList<AlsaDevices::Pcm> pcms = AlsaDevices::pcms(&code);
+    const auto find = [&](const QString& name) {
+        const auto pcm = std::find_if(pcms.begin(), pcms.end(), [&](const AlsaDevices::Pcm& p) { return p.name == name; });
+        return pcm == pcms.end() ? AlsaDevices::Pcm{} : *pcm;
+    };
+    EXPECT_EQ(code, 0);
+    EXPECT_TRUE(find("mono_only").description == "One channel only" && find("mono_only").capture);
+    EXPECT_TRUE(find("only44k_plug").playback && !find("only44k_plug").capture);
+    for (const AlsaDevices::Card& card : AlsaDevices::cards())   // none on a machine without sound hardware
+        EXPECT_TRUE(card.index >= 0 && !card.name.isEmpty() && !card.longName.isEmpty());
     EXPECT_EQ(AlsaDevices::formats("only44k", SND_PCM_STREAM_PLAYBACK), QVector<snd_pcm_format_t>{SND_PCM_FORMAT_S32_LE});
-    int code = 0;
     EXPECT_TRUE(AlsaDevices::formats("nosuch", SND_PCM_STREAM_PLAYBACK, &code).isEmpty());
     EXPECT_LT(code, 0);
 }
