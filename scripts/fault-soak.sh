@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Fault soak, not part of CI: tools/quil-soak, a host program that captures
+# Fault soak, not part of CI: bench/FaultSoak.cpp (quil-soak), a host program that captures
 # (live and time-shifted feeds), plays and watches a mixer, runs against its
 # own private sound server while it kills that server (SIGKILL) every 10 to
 # 40 s and starts it again 0.2 to 10 s later. Three runs at once, one server
@@ -19,7 +19,7 @@ runs=("$@")
 
 cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/test -j2 --target quil-soak >/dev/null
-soak=$PWD/build/test/tools/quil-soak
+soak=$PWD/build/test/bench/quil-soak
 server_script=$PWD/scripts/lib/soundserver.sh
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
