@@ -29,6 +29,12 @@ bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error)
     return true;
 }
 
+void printLineTo(FILE* stream, const QString& line)
+{
+    std::fprintf(stream, "%s\n", line.toLocal8Bit().constData());
+    std::fflush(stream);
+}
+
 } // namespace
 
 bool refuse(QString* error, const QString& message)
@@ -43,17 +49,9 @@ int fail(const QString& command, const QString& message, int status)
     return status;
 }
 
-void printLine(const QString& line)
-{
-    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stderr);
-}
+void printLine(const QString& line) { printLineTo(stderr, line); }
 
-void printOut(const QString& line)
-{
-    std::fprintf(stdout, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stdout);
-}
+void printOut(const QString& line) { printLineTo(stdout, line); }
 
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream)
 {
@@ -91,30 +89,29 @@ bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, 
 
 qint64 StreamOptions::durationFrames() const { return durationS < 0 ? -1 : std::llround(durationS * rate); }
 
+void addOptions(QCommandLineParser& parser, std::initializer_list<OptionSpec> options)
+{
+    for (const OptionSpec& option : options)
+        parser.addOption({QString::fromUtf8(option.names).split(QLatin1Char(',')), QString::fromUtf8(option.help),
+                          QString::fromUtf8(option.valueName), QString::fromUtf8(option.defaultValue)});
+}
+
 void addStreamOptions(QCommandLineParser& parser, const char* usage, const char* fileHelp)
 {
     parser.setApplicationDescription(QString::fromLatin1(usage));
     parser.addPositionalArgument(QStringLiteral("file"), QString::fromLatin1(fileHelp), QStringLiteral("[file]"));
-    parser.addOptions({
-        {{QStringLiteral("D"), QStringLiteral("device")},
-         QStringLiteral("ALSA PCM name (default)."),
-         QStringLiteral("name"),
-         QStringLiteral("default")},
-        {{QStringLiteral("r"), QStringLiteral("rate")},
-         QStringLiteral("Sample rate in Hz (48000)."),
-         QStringLiteral("hz")},
-        {{QStringLiteral("c"), QStringLiteral("channels")}, QStringLiteral("Channel count (2)."), QStringLiteral("n")},
-        {{QStringLiteral("f"), QStringLiteral("format")},
-         QStringLiteral("Sample format by its ALSA name (S16_LE)."),
-         QStringLiteral("format")},
-        {{QStringLiteral("d"), QStringLiteral("duration")},
-         QStringLiteral(
-             "Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
-         QStringLiteral("seconds")},
-        {{QStringLiteral("t"), QStringLiteral("file-type")},
-         QStringLiteral("File type: raw, wav, rf64, w64, flac, ogg or au (default: by the file name's extension)."),
-         QStringLiteral("type")},
-    });
+    addOptions(parser,
+               {
+                   {"D,device", "ALSA PCM name (default).", "name", "default"},
+                   {"r,rate", "Sample rate in Hz (48000).", "hz"},
+                   {"c,channels", "Channel count (2).", "n"},
+                   {"f,format", "Sample format by its ALSA name (S16_LE).", "format"},
+                   {"d,duration",
+                    "Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input.",
+                    "seconds"},
+                   {"t,file-type",
+                    "File type: raw, wav, rf64, w64, flac, ogg or au (default: by the file name's extension).", "type"},
+               });
 }
 
 bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options, QString* error)

@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <initializer_list>
 
 namespace quilaudio {
 
@@ -39,6 +40,16 @@ void printLine(const QString& line);
 void printOut(const QString& line);
 /// Prints the parser's help with `program` ("quil-audio play") in its usage line.
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream);
+
+/// One option as a table row: its names joined by ',' ("o,output-file"), its
+/// help and, for an option that takes a value, the value's name and default.
+struct OptionSpec {
+    const char* names;
+    const char* help;
+    const char* valueName = "";
+    const char* defaultValue = "";
+};
+void addOptions(QCommandLineParser& parser, std::initializer_list<OptionSpec> options);
 
 /// Adds --help and -v/--verbose, parses `arguments` (the first one is
 /// "quil-audio <command>"), answers --help, routes the library's log and runs

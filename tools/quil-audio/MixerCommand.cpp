@@ -95,22 +95,16 @@ public:
     {
         QCommandLineParser parser;
         parser.setApplicationDescription(QString::fromLatin1(Usage));
-        parser.addOptions({
-            {{QStringLiteral("D"), QStringLiteral("device")},
-             QStringLiteral("ALSA mixer device name."),
-             QStringLiteral("name"),
-             QString::fromLatin1(AlsaCard::DefaultName)},
-            {QStringLiteral("db"), QStringLiteral("set: gain in dB (the nearest value at or below it)."),
-             QStringLiteral("dB")},
-            {QStringLiteral("volume"), QStringLiteral("set: raw volume, or N% of the element's range."),
-             QStringLiteral("n[%]")},
-            {QStringLiteral("switch"), QStringLiteral("set: switch on or off."), QStringLiteral("on|off")},
-            {QStringLiteral("enum"), QStringLiteral("set: enumeration item by (partial) name or number."),
-             QStringLiteral("item")},
-            {QStringLiteral("playback"), QStringLiteral("set: change the playback side.")},
-            {QStringLiteral("capture"), QStringLiteral("set: change the capture side.")},
-            {QStringLiteral("count"), QStringLiteral("watch: end after this many changes."), QStringLiteral("n")},
-        });
+        addOptions(parser, {
+                               {"D,device", "ALSA mixer device name.", "name", AlsaCard::DefaultName},
+                               {"db", "set: gain in dB (the nearest value at or below it).", "dB"},
+                               {"volume", "set: raw volume, or N% of the element's range.", "n[%]"},
+                               {"switch", "set: switch on or off.", "on|off"},
+                               {"enum", "set: enumeration item by (partial) name or number.", "item"},
+                               {"playback", "set: change the playback side."},
+                               {"capture", "set: change the capture side."},
+                               {"count", "watch: end after this many changes.", "n"},
+                           });
         parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
         parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."),
                                      QStringLiteral("[name...]"));

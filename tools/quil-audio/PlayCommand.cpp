@@ -49,30 +49,20 @@ public:
     {
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Input file; \"-\" is stdin (raw).");
-        parser.addOptions({
-            {{QStringLiteral("o"), QStringLiteral("output-file")},
-             QStringLiteral("Write into this raw file instead of an ALSA device."),
-             QStringLiteral("file")},
-            {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."),
-             QStringLiteral("hz")},
-            {{QStringLiteral("F"), QStringLiteral("period-time")},
-             QStringLiteral("Period in microseconds (125000 with no -B)."),
-             QStringLiteral("us")},
-            {QStringLiteral("period-size"), QStringLiteral("Period in frames."), QStringLiteral("frames")},
-            {{QStringLiteral("B"), QStringLiteral("buffer-time")},
-             QStringLiteral("Buffer in microseconds (500000 with no -F)."),
-             QStringLiteral("us")},
-            {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
-            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
-             QStringLiteral("frames")},
-            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."),
-             QStringLiteral("us")},
-            {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
-            {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
-            {QStringLiteral("tstamp"),
-             QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
-            {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
-        });
+        addOptions(parser, {
+                               {"o,output-file", "Write into this raw file instead of an ALSA device.", "file"},
+                               {"tone", "Play a sine tone at -6 dBFS instead of FILE.", "hz"},
+                               {"F,period-time", "Period in microseconds (125000 with no -B).", "us"},
+                               {"period-size", "Period in frames.", "frames"},
+                               {"B,buffer-time", "Buffer in microseconds (500000 with no -F).", "us"},
+                               {"buffer-size", "Buffer in frames.", "frames"},
+                               {"start-threshold", "Frames queued before playback starts.", "frames"},
+                               {"start-threshold-time", "Start threshold in microseconds.", "us"},
+                               {"near-rate", "Accept the device's nearest rate."},
+                               {"near-channels", "Accept the device's nearest channel count."},
+                               {"tstamp", "Timestamp the device status; the progress shows the delay's age."},
+                               {"no-drain", "At the end, close at once instead of waiting for the queue."},
+                           });
         int status = ExitOk;
         if (!parseCommandLine(parser, arguments, Command, &status,
                               [&](QString* error) { return readOptions(parser, error); }))
@@ -89,9 +79,8 @@ private:
     bool readOptions(const QCommandLineParser& parser, QString* error)
     {
         if (!readStreamOptions(parser, &m_stream, error)
-            || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
-            return false;
-        if (!readFileArgument(parser, QStringLiteral("input"), &m_input, error))
+            || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error)
+            || !readFileArgument(parser, QStringLiteral("input"), &m_input, error))
             return false;
         m_outputFile = parser.value(QStringLiteral("output-file"));
         m_drain = !parser.isSet(QStringLiteral("no-drain"));
