@@ -9,8 +9,10 @@
 #include <QRegularExpression>
 #include <QTimer>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
+#include <utility>
 
 namespace quilaudio {
 
@@ -84,7 +86,11 @@ QString describe(AlsaMixerElement& element)
     return QStringLiteral("'%1' %2").arg(element.name(), parts.join(QStringLiteral("; ")));
 }
 
-QString because(const QString& why) { return why.isEmpty() ? QString() : QStringLiteral(": ") + why; }
+// A failure to use the mixer or an element, with the reason it gives when it has one.
+int failBecause(const QString& message, const QString& why)
+{
+    return fail(Command, why.isEmpty() ? message : message + QStringLiteral(": ") + why, ExitFailed);
+}
 
 /// `quil-audio mixer`: lists, reads, changes and watches simple-mixer
 /// elements through AlsaCard, on the calling thread, whose event loop
@@ -154,11 +160,9 @@ private:
     int openCard()
     {
         m_card = std::make_unique<AlsaCard>(m_device, true);
-        if (!m_card->isOpen())
-            return fail(Command,
-                        QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return m_card->isOpen()
+                   ? ExitOk
+                   : failBecause(QStringLiteral("cannot open mixer '%1'").arg(m_device), m_card->errorString());
     }
 
     // The named elements, or all that the mixer lists; reports each name that matches none.
@@ -177,27 +181,25 @@ private:
 
     int set(const QCommandLineParser& parser, const QString& name)
     {
-        const bool byVolume = parser.isSet(QStringLiteral("volume"));
-        const bool byDb = parser.isSet(QStringLiteral("db"));
-        const bool bySwitch = parser.isSet(QStringLiteral("switch"));
-        const bool byEnum = parser.isSet(QStringLiteral("enum"));
+        // Applied in this order, each only while those before it succeeded.
+        using Setter = int (MixerCommand::*)(AlsaMixerElement&, const QString&);
+        const std::pair<QString, Setter> setters[] = {{QStringLiteral("enum"), &MixerCommand::setEnum},
+                                                      {QStringLiteral("switch"), &MixerCommand::setSwitch},
+                                                      {QStringLiteral("volume"), &MixerCommand::setVolume},
+                                                      {QStringLiteral("db"), &MixerCommand::setDb}};
         QString error;
         if (!exclusive(parser, QStringLiteral("volume"), QStringLiteral("db"), &error))
             return fail(Command, error, ExitUsage);
-        if (!byVolume && !byDb && !bySwitch && !byEnum)
+        if (std::none_of(std::begin(setters), std::end(setters), [&](const auto& s) { return parser.isSet(s.first); }))
             return fail(Command, QStringLiteral("set needs --db, --volume, --switch or --enum"), ExitUsage);
         int status = ExitOk;
         const AlsaMixerElementPtr element = load({name}, &status).value(0);
         if (!element)
             return status;
-        if (byEnum)
-            status = setEnum(*element, parser.value(QStringLiteral("enum")));
-        if (status == ExitOk && bySwitch)
-            status = setSwitch(*element, parser.value(QStringLiteral("switch")));
-        if (status == ExitOk && byVolume)
-            status = setVolume(*element, parser.value(QStringLiteral("volume")));
-        if (status == ExitOk && byDb)
-            status = setDb(*element, parser.value(QStringLiteral("db")));
+        for (const auto& setter : setters) {
+            if (status == ExitOk && parser.isSet(setter.first))
+                status = (this->*setter.second)(*element, parser.value(setter.first));
+        }
         if (status == ExitOk)
             printOut(describe(*element));
         return status;
@@ -245,12 +247,10 @@ private:
                             .arg(max)
                             .arg(element.name()),
                         ExitFailed);
-        if (!element.setVolume(static_cast<long>(target), mode))
-            return fail(Command,
-                        QStringLiteral("cannot set the volume of '%1'").arg(element.name())
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setVolume(static_cast<long>(target), mode)
+                   ? ExitOk
+                   : failBecause(QStringLiteral("cannot set the volume of '%1'").arg(element.name()),
+                                 element.errorString());
     }
 
     int setDb(AlsaMixerElement& element, const QString& value)
@@ -264,12 +264,10 @@ private:
             return ExitFailed;
         if (!element.hasDB(mode))
             return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
-        if (!element.setDB(dB, mode))
-            return fail(Command,
-                        QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value)
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setDB(dB, mode)
+                   ? ExitOk
+                   : failBecause(QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value),
+                                 element.errorString());
     }
 
     int setSwitch(AlsaMixerElement& element, const QString& value)
@@ -280,12 +278,10 @@ private:
         AlsaElementMode mode = Playback;
         if (chooseSide(QStringLiteral("switch"), element, &mode) != ExitOk)
             return ExitFailed;
-        if (!element.setSwitch(state == QLatin1String("on"), mode))
-            return fail(Command,
-                        QStringLiteral("cannot switch '%1' %2").arg(element.name(), state)
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setSwitch(state == QLatin1String("on"), mode)
+                   ? ExitOk
+                   : failBecause(QStringLiteral("cannot switch '%1' %2").arg(element.name(), state),
+                                 element.errorString());
     }
 
     // Items are matched like element names: exact, else the first that contains
@@ -308,12 +304,10 @@ private:
                         QStringLiteral("'%1' has no item '%2' (items: %3)")
                             .arg(element.name(), item, items.join(QStringLiteral(", "))),
                         ExitFailed);
-        if (!element.setEnum(static_cast<unsigned int>(index)))
-            return fail(Command,
-                        QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name())
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setEnum(static_cast<unsigned int>(index))
+                   ? ExitOk
+                   : failBecause(QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()),
+                                 element.errorString());
     }
 
     int watch(const QList<AlsaMixerElementPtr>& elements, int count)
@@ -336,8 +330,7 @@ private:
                 // A mixer that closed itself (its server went away) never reports again.
                 if (!m_card->isOpen()) {
                     changes = count;
-                    fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()),
-                         ExitFailed);
+                    failBecause(QStringLiteral("mixer '%1' closed").arg(m_device), m_card->errorString());
                     loop.exit(ExitFailed);
                     return;
                 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace quilaudio {
 
@@ -18,8 +19,8 @@ int sampleBytes(snd_pcm_format_t format) { return snd_pcm_format_physical_width(
 // They are taken in groups of eight, whose extremes the compiler keeps in
 // vector registers: with 1, 2, 4 or 8 channels, place j of every group is
 // channel j % channels. Other channel counts, and the last few samples,
-// take the plain loop after it. Out of line, as inlined into the switch
-// below g++ keeps the extremes on the stack, at ten times the cost.
+// take the plain loop after it. Out of line, as inlined into its caller
+// g++ keeps the extremes on the stack, at ten times the cost.
 template <typename T>
 __attribute__((noinline)) void typedPeaks(const char* data, int samples, int channels, double zero, double fullScale,
                                           double* peaks)
@@ -53,38 +54,26 @@ __attribute__((noinline)) void typedPeaks(const char* data, int samples, int cha
     }
 }
 
-// True when format was one of the machine's own sample types.
+// The formats in the machine's own sample types.
+using TypedPeaks = void (*)(const char*, int, int, double, double, double*);
+const std::pair<snd_pcm_format_t, TypedPeaks> MachineFormats[] = {
+    {SND_PCM_FORMAT_S8, typedPeaks<int8_t>},   {SND_PCM_FORMAT_U8, typedPeaks<uint8_t>},
+    {SND_PCM_FORMAT_S16, typedPeaks<int16_t>}, {SND_PCM_FORMAT_U16, typedPeaks<uint16_t>},
+    {SND_PCM_FORMAT_S32, typedPeaks<int32_t>}, {SND_PCM_FORMAT_U32, typedPeaks<uint32_t>},
+    {SND_PCM_FORMAT_FLOAT, typedPeaks<float>}, {SND_PCM_FORMAT_FLOAT64, typedPeaks<double>},
+};
+
+// True when format was one of MachineFormats.
 bool machinePeaks(const char* data, int samples, int channels, snd_pcm_format_t format, double* peaks)
 {
-    const double half = std::ldexp(1.0, snd_pcm_format_width(format) - 1);
-    switch (format) {
-    case SND_PCM_FORMAT_S8:
-        typedPeaks<int8_t>(data, samples, channels, 0, half, peaks);
+    for (const auto& [machineFormat, typed] : MachineFormats) {
+        if (machineFormat != format)
+            continue;
+        const double half = snd_pcm_format_float(format) == 1 ? 1.0 : std::ldexp(1.0, snd_pcm_format_width(format) - 1);
+        typed(data, samples, channels, snd_pcm_format_unsigned(format) == 1 ? half : 0.0, half, peaks);
         return true;
-    case SND_PCM_FORMAT_U8:
-        typedPeaks<uint8_t>(data, samples, channels, half, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_S16:
-        typedPeaks<int16_t>(data, samples, channels, 0, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_U16:
-        typedPeaks<uint16_t>(data, samples, channels, half, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_S32:
-        typedPeaks<int32_t>(data, samples, channels, 0, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_U32:
-        typedPeaks<uint32_t>(data, samples, channels, half, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_FLOAT:
-        typedPeaks<float>(data, samples, channels, 0, 1, peaks);
-        return true;
-    case SND_PCM_FORMAT_FLOAT64:
-        typedPeaks<double>(data, samples, channels, 0, 1, peaks);
-        return true;
-    default:
-        return false;
     }
+    return false;
 }
 
 } // namespace

@@ -135,21 +135,16 @@ private:
     bool takeHeader(QString* error)
     {
         const AudioFile::Layout header = m_inputFile.layout();
-        const auto contradicts = [&](bool given, unsigned int asked, unsigned int held, const char* what) {
-            if (given && asked != held)
-                *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says")
-                             .arg(m_input)
-                             .arg(held)
-                             .arg(QLatin1String(what))
-                             .arg(asked);
-            return given && asked != held;
+        const auto contradicts = [&](bool given, const QString& asked, const QString& held, const char* what) {
+            return given && asked != held
+                   && !refuse(error, QStringLiteral("'%1' holds %2 %3, not %4 as the command line says")
+                                         .arg(m_input, held, QLatin1String(what), asked));
         };
-        if (contradicts(m_stream.rateGiven, m_stream.rate, header.rate, "Hz")
-            || contradicts(m_stream.channelsGiven, m_stream.channels, header.channels, "channels"))
+        const auto number = [](unsigned int value) { return QString::number(value); };
+        if (contradicts(m_stream.rateGiven, number(m_stream.rate), number(header.rate), "Hz")
+            || contradicts(m_stream.channelsGiven, number(m_stream.channels), number(header.channels), "channels")
+            || contradicts(m_stream.formatGiven, formatText(m_stream.format), formatText(header.format), "samples"))
             return false;
-        if (m_stream.formatGiven && m_stream.format != header.format)
-            return refuse(error, QStringLiteral("'%1' holds %2 samples, not %3 as the command line says")
-                                     .arg(m_input, formatText(header.format), formatText(m_stream.format)));
         m_stream.rate = header.rate;
         m_stream.channels = header.channels;
         return true;
