@@ -49,6 +49,11 @@ int fail(const QString& command, const QString& message, int status)
     return status;
 }
 
+int failBecause(const QString& command, const QString& message, const QString& why)
+{
+    return fail(command, why.isEmpty() ? message : message + QStringLiteral(": ") + why, ExitFailed);
+}
+
 void printLine(const QString& line) { printLineTo(stderr, line); }
 
 void printOut(const QString& line) { printLineTo(stdout, line); }

@@ -34,6 +34,9 @@ constexpr int DefaultBufferMs = 500;
 bool refuse(QString* error, const QString& message);
 /// Prints "quil-audio <command>: <message>" as one line on stderr and returns status.
 int fail(const QString& command, const QString& message, int status);
+/// fail() with ExitFailed, the message followed by ": why" when there is a why
+/// (the failing object's errorString(), empty when it has none).
+int failBecause(const QString& command, const QString& message, const QString& why);
 /// One line on stderr (summaries, notices).
 void printLine(const QString& line);
 /// One line on stdout, flushed: a watcher's lines must reach a pipe as they happen.

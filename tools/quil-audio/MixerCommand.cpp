@@ -86,12 +86,6 @@ QString describe(AlsaMixerElement& element)
     return QStringLiteral("'%1' %2").arg(element.name(), parts.join(QStringLiteral("; ")));
 }
 
-// A failure to use the mixer or an element, with the reason it gives when it has one.
-int failBecause(const QString& message, const QString& why)
-{
-    return fail(Command, why.isEmpty() ? message : message + QStringLiteral(": ") + why, ExitFailed);
-}
-
 /// `quil-audio mixer`: lists, reads, changes and watches simple-mixer
 /// elements through AlsaCard, on the calling thread, whose event loop
 /// delivers the elements' changed() signals while watching.
@@ -160,9 +154,9 @@ private:
     int openCard()
     {
         m_card = std::make_unique<AlsaCard>(m_device, true);
-        return m_card->isOpen()
-                   ? ExitOk
-                   : failBecause(QStringLiteral("cannot open mixer '%1'").arg(m_device), m_card->errorString());
+        return m_card->isOpen() ? ExitOk
+                                : failBecause(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device),
+                                              m_card->errorString());
     }
 
     // The named elements, or all that the mixer lists; reports each name that matches none.
@@ -249,7 +243,7 @@ private:
                         ExitFailed);
         return element.setVolume(static_cast<long>(target), mode)
                    ? ExitOk
-                   : failBecause(QStringLiteral("cannot set the volume of '%1'").arg(element.name()),
+                   : failBecause(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()),
                                  element.errorString());
     }
 
@@ -266,7 +260,7 @@ private:
             return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
         return element.setDB(dB, mode)
                    ? ExitOk
-                   : failBecause(QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value),
+                   : failBecause(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value),
                                  element.errorString());
     }
 
@@ -280,7 +274,7 @@ private:
             return ExitFailed;
         return element.setSwitch(state == QLatin1String("on"), mode)
                    ? ExitOk
-                   : failBecause(QStringLiteral("cannot switch '%1' %2").arg(element.name(), state),
+                   : failBecause(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state),
                                  element.errorString());
     }
 
@@ -306,7 +300,8 @@ private:
                         ExitFailed);
         return element.setEnum(static_cast<unsigned int>(index))
                    ? ExitOk
-                   : failBecause(QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()),
+                   : failBecause(Command,
+                                 QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()),
                                  element.errorString());
     }
 
@@ -330,7 +325,7 @@ private:
                 // A mixer that closed itself (its server went away) never reports again.
                 if (!m_card->isOpen()) {
                     changes = count;
-                    failBecause(QStringLiteral("mixer '%1' closed").arg(m_device), m_card->errorString());
+                    failBecause(Command, QStringLiteral("mixer '%1' closed").arg(m_device), m_card->errorString());
                     loop.exit(ExitFailed);
                     return;
                 }

@@ -15,6 +15,15 @@ namespace {
 
 int sampleBytes(snd_pcm_format_t format) { return snd_pcm_format_physical_width(format) / 8; }
 
+// A float's bits as an integer of its size, or back.
+template <typename To, typename From> To bitCast(From from)
+{
+    static_assert(sizeof(To) == sizeof(From), "a bit cast keeps the size");
+    To to;
+    std::memcpy(&to, &from, sizeof to);
+    return to;
+}
+
 // Samples of the machine type T, centred on zero, full scale at fullScale.
 // They are taken in groups of eight, whose extremes the compiler keeps in
 // vector registers: with 1, 2, 4 or 8 channels, place j of every group is
@@ -92,17 +101,8 @@ double decodeSample(const char* data, snd_pcm_format_t format)
     uint64_t raw = 0;
     for (int i = 0; i < bytes; ++i)
         raw |= uint64_t(uint8_t(data[bigEndian ? bytes - 1 - i : i])) << (8 * i);
-    if (snd_pcm_format_float(format) == 1) {
-        if (bytes == 4) {
-            const uint32_t bits = static_cast<uint32_t>(raw);
-            float value;
-            std::memcpy(&value, &bits, sizeof value);
-            return value;
-        }
-        double value;
-        std::memcpy(&value, &raw, sizeof value);
-        return value;
-    }
+    if (snd_pcm_format_float(format) == 1)
+        return bytes == 4 ? bitCast<float>(static_cast<uint32_t>(raw)) : bitCast<double>(raw);
     // Narrow samples in wide containers (S24_LE) sit in the low bits; linear
     // samples have at most 32.
     const int width = snd_pcm_format_width(format);
@@ -121,14 +121,7 @@ void encodeSample(double value, snd_pcm_format_t format, char* data)
     const bool bigEndian = snd_pcm_format_big_endian(format) == 1;
     uint64_t raw = 0;
     if (snd_pcm_format_float(format) == 1) {
-        if (bytes == 4) {
-            const float narrow = static_cast<float>(value);
-            uint32_t bits;
-            std::memcpy(&bits, &narrow, sizeof bits);
-            raw = bits;
-        } else {
-            std::memcpy(&raw, &value, sizeof raw);
-        }
+        raw = bytes == 4 ? bitCast<uint32_t>(static_cast<float>(value)) : bitCast<uint64_t>(value);
     } else {
         const int width = snd_pcm_format_width(format);
         const int64_t half = int64_t(1) << (width - 1);

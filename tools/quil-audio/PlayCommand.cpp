@@ -158,15 +158,14 @@ private:
         QVector<snd_pcm_format_t> candidates = AudioFile::readableFormats();
         if (candidates.removeOne(own))
             candidates.prepend(own);
-        snd_pcm_format_t chosen = candidates.first();
         // A PCM that does not open keeps the first, for the real open to say why.
         const QVector<snd_pcm_format_t> taken = m_outputFile.isEmpty()
                                                     ? AlsaDevices::formats(m_stream.device, SND_PCM_STREAM_PLAYBACK)
                                                     : QVector<snd_pcm_format_t>();
-        if (!taken.isEmpty()) {
-            const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
-            chosen = first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN : *first;
-        }
+        const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
+        const snd_pcm_format_t chosen = taken.isEmpty()              ? candidates.first()
+                                        : first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN
+                                                                     : *first;
         if (chosen == SND_PCM_FORMAT_UNKNOWN)
             return refuse(
                 error,
@@ -210,11 +209,7 @@ private:
         if (!m_device->open()) {
             const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
                                          : QStringLiteral("'%1'").arg(m_outputFile);
-            const QString why = m_device->errorString();
-            return fail(Command,
-                        QStringLiteral("cannot open ") + where
-                            + (why.isEmpty() ? QString() : QStringLiteral(": ") + why),
-                        ExitFailed);
+            return failBecause(Command, QStringLiteral("cannot open ") + where, m_device->errorString());
         }
         if (!m_alsa)
             return ExitOk;
