@@ -95,28 +95,23 @@ void printHelp(const QCommandLineParser& parser, const QString& program, FILE* s
     std::fputs(text.toLocal8Bit().constData(), stream);
 }
 
-bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command, int* status,
-                      const std::function<bool(QString* error)>& checkOptions)
+std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
+                                    const std::function<bool(QString* error)>& checkOptions)
 {
     const QCommandLineOption help = parser.addHelpOption();
     parser.addOption({{QStringLiteral("v"), QStringLiteral("verbose")},
                       QStringLiteral("Print the library's log (logger \"AudioLib\") on stderr.")});
-    if (!parser.parse(arguments)) {
-        *status = fail(command, parser.errorText(), ExitUsage);
-        return false;
-    }
+    if (!parser.parse(arguments))
+        return fail(command, parser.errorText(), ExitUsage);
     if (parser.isSet(help)) {
         printHelp(parser, QStringLiteral("quil-audio ") + command, stdout);
-        *status = ExitOk;
-        return false;
+        return ExitOk;
     }
     routeLibraryLog(parser.isSet(QStringLiteral("verbose")));
     QString error;
-    if (checkOptions && !checkOptions(&error)) {
-        *status = fail(command, error, ExitUsage);
-        return false;
-    }
-    return true;
+    if (checkOptions && !checkOptions(&error))
+        return fail(command, error, ExitUsage);
+    return std::nullopt;
 }
 
 qint64 StreamOptions::durationFrames() const { return durationS < 0 ? -1 : std::llround(durationS * rate); }

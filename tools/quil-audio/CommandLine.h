@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <functional>
 #include <initializer_list>
+#include <optional>
 
 namespace quilaudio {
 
@@ -56,11 +57,11 @@ void addOptions(QCommandLineParser& parser, std::initializer_list<OptionSpec> op
 
 /// Adds --help and -v/--verbose, parses `arguments` (the first one is
 /// "quil-audio <command>"), answers --help, routes the library's log and runs
-/// the command's own check of its options, if given. False when the command
-/// must end now with *status: after --help, or after reporting a parse error
+/// the command's own check of its options, if given. The status when the
+/// command must end now: after --help, or after reporting a parse error
 /// or the check's message.
-bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command, int* status,
-                      const std::function<bool(QString* error)>& checkOptions = {});
+std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
+                                    const std::function<bool(QString* error)>& checkOptions = {});
 
 /// The stream every PCM command describes: -D, -r, -c, -f, -d and -t.
 struct StreamOptions {

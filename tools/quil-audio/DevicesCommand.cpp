@@ -90,9 +90,8 @@ int runDevicesCommand(const QStringList& arguments)
                    {"json", "Print one JSON object with the arrays \"pcms\", \"cards\" and \"mixers\"."},
                    {"m,mixer", "Also count the elements of this mixer device, such as default (repeatable).", "name"},
                });
-    int status = ExitOk;
-    if (!parseCommandLine(parser, arguments, Command, &status))
-        return status;
+    if (const std::optional<int> status = parseCommandLine(parser, arguments, Command))
+        return *status;
     if (!parser.positionalArguments().isEmpty())
         return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()),
                     ExitUsage);

@@ -108,9 +108,8 @@ public:
         parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
         parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."),
                                      QStringLiteral("[name...]"));
-        int status = ExitOk;
-        if (!parseCommandLine(parser, arguments, Command, &status))
-            return status;
+        if (const std::optional<int> status = parseCommandLine(parser, arguments, Command))
+            return *status;
 
         m_device = parser.value(QStringLiteral("device"));
         m_playbackAsked = parser.isSet(QStringLiteral("playback"));
@@ -137,7 +136,7 @@ public:
                             .arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
                         ExitUsage);
 
-        status = openCard();
+        int status = openCard();
         if (status != ExitOk)
             return status;
         if (action == QLatin1String("set"))

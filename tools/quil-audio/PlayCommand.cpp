@@ -63,13 +63,12 @@ public:
                                {"tstamp", "Timestamp the device status; the progress shows the delay's age."},
                                {"no-drain", "At the end, close at once instead of waiting for the queue."},
                            });
-        int status = ExitOk;
-        if (!parseCommandLine(parser, arguments, Command, &status,
-                              [&](QString* error) { return readOptions(parser, error); }))
-            return status;
+        if (const std::optional<int> status = parseCommandLine(
+                parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); }))
+            return *status;
 
         watchSignals();
-        status = openSource();
+        int status = openSource();
         if (status == ExitOk)
             status = openDevice();
         return status == ExitOk ? playUntilDone() : status;

@@ -73,7 +73,6 @@ class RecordCommand {
 public:
     int run(const QStringList& arguments)
     {
-        int status = ExitOk;
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Output file; \"-\" is stdout (raw).");
         addOptions(
@@ -88,10 +87,10 @@ public:
                 {"trigger-dbfs", "Ask for recording at the first sample at this level or above.", "dBFS"},
                 {"mute", "Start muted (silence is recorded); SIGUSR1 toggles."},
             });
-        if (!parseCommandLine(parser, arguments, Command, &status,
-                              [&](QString* error) { return readOptions(parser, error); }))
-            return status;
-        status = openSource();
+        if (const std::optional<int> status = parseCommandLine(
+                parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); }))
+            return *status;
+        const int status = openSource();
         if (status != ExitOk)
             return status;
         m_frameBytes = m_device->bytesPerSample() * m_device->channelCount();
