@@ -124,15 +124,13 @@ bool AudioFile::openForReading(const QString& path, const QString& typeName, con
     SF_INFO info = isRaw() ? infoOf(layout, SF_FORMAT_RAW | rawCarrier(layout.format)) : SF_INFO{};
     if (!open(path, SFM_READ, &info))
         return false;
-    if (isRaw()) {
-        setReadFormat(layout.format);
-        return true;
+    if (!isRaw()) {
+        m_layout = {static_cast<unsigned int>(info.samplerate), static_cast<unsigned int>(info.channels),
+                    formatOfSubtype(info.format & SF_FORMAT_SUBMASK)};
+        sf_command(m_file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     }
-    m_layout = {static_cast<unsigned int>(info.samplerate), static_cast<unsigned int>(info.channels),
-                formatOfSubtype(info.format & SF_FORMAT_SUBMASK)};
-    sf_command(m_file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
-    const QVector<snd_pcm_format_t> readable = readableFormats();
-    setReadFormat(readable.contains(m_layout.format) ? m_layout.format : readable.first());
+    const bool asStored = isRaw() || readableFormats().contains(m_layout.format);
+    setReadFormat(asStored ? m_layout.format : readableFormats().first());
     return true;
 }
 

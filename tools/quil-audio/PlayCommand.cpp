@@ -231,13 +231,10 @@ private:
         const int deviceFrameBytes = m_device->bytesPerSample() * m_device->channelCount();
         QElapsedTimer sinceProgress;
         sinceProgress.start();
-        bool interrupted = false;
         QString error;
         while (framesLeft != 0 && error.isEmpty()) {
-            if (stopRequested()) {
-                interrupted = true;
+            if (stopRequested())
                 break;
-            }
             const int frames =
                 framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
             QByteArray block;
@@ -245,8 +242,7 @@ private:
                 break;
             const AudioOutputDevice::WriteResult result = m_device->write(block);
             if (result == AudioOutputDevice::DeviceClosed) {
-                interrupted = stopRequested();
-                if (!interrupted)
+                if (!stopRequested())
                     error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, m_device->errorString());
                 break;
             }
@@ -261,7 +257,8 @@ private:
         }
         m_progress.finish();
         updateDelay();
-        closeDevice(interrupted || !error.isEmpty());
+        // Ctrl-C, or a failure, ends at once: nothing more is drained.
+        closeDevice(stopRequested() || !error.isEmpty());
         if (!error.isEmpty())
             return fail(Command, error, ExitFailed);
         printLine(summary());
