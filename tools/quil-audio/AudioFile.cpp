@@ -6,8 +6,10 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 #include <vector>
 
@@ -46,20 +48,16 @@ const Encoding Encodings[] = {
 
 snd_pcm_format_t formatOfSubtype(int subtype)
 {
-    for (const Encoding& e : Encodings) {
-        if (e.subtype == subtype)
-            return e.format;
-    }
-    return SND_PCM_FORMAT_UNKNOWN;
+    const Encoding* e = std::find_if(std::begin(Encodings), std::end(Encodings),
+                                     [subtype](const Encoding& row) { return row.subtype == subtype; });
+    return e == std::end(Encodings) ? SND_PCM_FORMAT_UNKNOWN : e->format;
 }
 
 int subtypeOfFormat(snd_pcm_format_t format)
 {
-    for (const Encoding& e : Encodings) {
-        if (e.format == format)
-            return e.subtype;
-    }
-    return 0;
+    const Encoding* e = std::find_if(std::begin(Encodings), std::end(Encodings),
+                                     [format](const Encoding& row) { return row.format == format; });
+    return e == std::end(Encodings) ? 0 : e->subtype;
 }
 
 // Raw frames pass through libsndfile untouched (sf_read_raw, sf_write_raw);
@@ -69,6 +67,11 @@ int rawCarrier(snd_pcm_format_t format)
     const int bytes = snd_pcm_format_physical_width(format) / 8;
     const int byBytes[] = {SF_FORMAT_PCM_S8, SF_FORMAT_PCM_16, SF_FORMAT_PCM_24, SF_FORMAT_PCM_32};
     return bytes >= 1 && bytes <= 4 ? byBytes[bytes - 1] : SF_FORMAT_DOUBLE;
+}
+
+SF_INFO infoOf(const AudioFile::Layout& layout, int sfFormat)
+{
+    return {0, static_cast<int>(layout.rate), static_cast<int>(layout.channels), sfFormat, 0, 0};
 }
 
 } // namespace
@@ -118,25 +121,16 @@ bool AudioFile::openForReading(const QString& path, const QString& typeName, con
     if (!setType(path, typeName))
         return false;
     m_layout = layout;
-    SF_INFO info{};
-    if (isRaw())
-        info = {0,
-                static_cast<int>(layout.rate),
-                static_cast<int>(layout.channels),
-                SF_FORMAT_RAW | rawCarrier(layout.format),
-                0,
-                0};
+    SF_INFO info = isRaw() ? infoOf(layout, SF_FORMAT_RAW | rawCarrier(layout.format)) : SF_INFO{};
     if (!open(path, SFM_READ, &info))
         return false;
-    if (isRaw()) {
-        setReadFormat(layout.format);
-        return true;
+    if (!isRaw()) {
+        m_layout = {static_cast<unsigned int>(info.samplerate), static_cast<unsigned int>(info.channels),
+                    formatOfSubtype(info.format & SF_FORMAT_SUBMASK)};
+        sf_command(m_file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     }
-    m_layout = {static_cast<unsigned int>(info.samplerate), static_cast<unsigned int>(info.channels),
-                formatOfSubtype(info.format & SF_FORMAT_SUBMASK)};
-    sf_command(m_file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
-    const QVector<snd_pcm_format_t> readable = readableFormats();
-    setReadFormat(readable.contains(m_layout.format) ? m_layout.format : readable.first());
+    const bool asStored = isRaw() || readableFormats().contains(m_layout.format);
+    setReadFormat(asStored ? m_layout.format : readableFormats().first());
     return true;
 }
 
@@ -156,12 +150,11 @@ bool AudioFile::openForWriting(const QString& path, const QString& typeName, con
     if (!setType(path, typeName))
         return false;
     m_layout = layout;
-    m_ioFormat = layout.format;
-    m_frameBytes = static_cast<int>(snd_pcm_format_size(layout.format, layout.channels));
+    setReadFormat(layout.format);
     const int subtype = isRaw()                       ? rawCarrier(layout.format)
                         : m_sfFormat == SF_FORMAT_OGG ? SF_FORMAT_VORBIS
                                                       : subtypeOfFormat(layout.format);
-    SF_INFO info{0, static_cast<int>(layout.rate), static_cast<int>(layout.channels), m_sfFormat | subtype, 0, 0};
+    SF_INFO info = infoOf(layout, m_sfFormat | subtype);
     if (subtype == 0 || !sf_format_check(&info)) {
         m_error = QStringLiteral("cannot write %1 samples into a %2 file")
                       .arg(QString::fromLatin1(snd_pcm_format_name(layout.format)), m_typeName.toUpper());

@@ -1,6 +1,8 @@
 #include "CommandLine.h"
 
-#include "LibraryLog.h"
+#include <log4cplus/consoleappender.h>
+#include <log4cplus/layout.h>
+#include <log4cplus/logger.h>
 
 #include <algorithm>
 #include <cmath>
@@ -29,6 +31,37 @@ bool parseFormat(const QString& name, snd_pcm_format_t* format, QString* error)
     return true;
 }
 
+void printLineTo(FILE* stream, const QString& line)
+{
+    std::fprintf(stream, "%s\n", line.toLocal8Bit().constData());
+    std::fflush(stream);
+}
+
+void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...) {}
+
+// Where the log4cplus logger "AudioLib" goes: with `verbose` every record is
+// printed on stderr, otherwise nothing is; ALSA's own error printing follows
+// the same choice. A command learns why the library failed from the failing
+// object itself (errorString()), never from the log.
+void routeLibraryLog(bool verbose)
+{
+    log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("AudioLib"));
+    logger.setAdditivity(false);
+    logger.removeAllAppenders();
+    if (verbose) {
+        log4cplus::SharedAppenderPtr console(new log4cplus::ConsoleAppender(true, true));
+        console->setLayout(std::unique_ptr<log4cplus::Layout>(
+            new log4cplus::PatternLayout(LOG4CPLUS_TEXT("%D{%H:%M:%S.%q} %-5p %m%n"))));
+        logger.addAppender(console);
+        logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
+        snd_lib_error_set_handler(nullptr);
+    } else {
+        // Off rather than without appenders, which log4cplus would report.
+        logger.setLogLevel(log4cplus::OFF_LOG_LEVEL);
+        snd_lib_error_set_handler(silentAlsaErrorHandler);
+    }
+}
+
 } // namespace
 
 bool refuse(QString* error, const QString& message)
@@ -43,17 +76,14 @@ int fail(const QString& command, const QString& message, int status)
     return status;
 }
 
-void printLine(const QString& line)
+int failBecause(const QString& command, const QString& message, const QString& why)
 {
-    std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stderr);
+    return fail(command, why.isEmpty() ? message : message + QStringLiteral(": ") + why, ExitFailed);
 }
 
-void printOut(const QString& line)
-{
-    std::fprintf(stdout, "%s\n", line.toLocal8Bit().constData());
-    std::fflush(stdout);
-}
+void printLine(const QString& line) { printLineTo(stderr, line); }
+
+void printOut(const QString& line) { printLineTo(stdout, line); }
 
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream)
 {
@@ -65,56 +95,50 @@ void printHelp(const QCommandLineParser& parser, const QString& program, FILE* s
     std::fputs(text.toLocal8Bit().constData(), stream);
 }
 
-bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command, int* status,
-                      const std::function<bool(QString* error)>& checkOptions)
+std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
+                                    const std::function<bool(QString* error)>& checkOptions)
 {
     const QCommandLineOption help = parser.addHelpOption();
     parser.addOption({{QStringLiteral("v"), QStringLiteral("verbose")},
                       QStringLiteral("Print the library's log (logger \"AudioLib\") on stderr.")});
-    if (!parser.parse(arguments)) {
-        *status = fail(command, parser.errorText(), ExitUsage);
-        return false;
-    }
+    if (!parser.parse(arguments))
+        return fail(command, parser.errorText(), ExitUsage);
     if (parser.isSet(help)) {
         printHelp(parser, QStringLiteral("quil-audio ") + command, stdout);
-        *status = ExitOk;
-        return false;
+        return ExitOk;
     }
     routeLibraryLog(parser.isSet(QStringLiteral("verbose")));
     QString error;
-    if (checkOptions && !checkOptions(&error)) {
-        *status = fail(command, error, ExitUsage);
-        return false;
-    }
-    return true;
+    if (checkOptions && !checkOptions(&error))
+        return fail(command, error, ExitUsage);
+    return std::nullopt;
 }
 
 qint64 StreamOptions::durationFrames() const { return durationS < 0 ? -1 : std::llround(durationS * rate); }
+
+void addOptions(QCommandLineParser& parser, std::initializer_list<OptionSpec> options)
+{
+    for (const OptionSpec& option : options)
+        parser.addOption({QString::fromUtf8(option.names).split(QLatin1Char(',')), QString::fromUtf8(option.help),
+                          QString::fromUtf8(option.valueName), QString::fromUtf8(option.defaultValue)});
+}
 
 void addStreamOptions(QCommandLineParser& parser, const char* usage, const char* fileHelp)
 {
     parser.setApplicationDescription(QString::fromLatin1(usage));
     parser.addPositionalArgument(QStringLiteral("file"), QString::fromLatin1(fileHelp), QStringLiteral("[file]"));
-    parser.addOptions({
-        {{QStringLiteral("D"), QStringLiteral("device")},
-         QStringLiteral("ALSA PCM name (default)."),
-         QStringLiteral("name"),
-         QStringLiteral("default")},
-        {{QStringLiteral("r"), QStringLiteral("rate")},
-         QStringLiteral("Sample rate in Hz (48000)."),
-         QStringLiteral("hz")},
-        {{QStringLiteral("c"), QStringLiteral("channels")}, QStringLiteral("Channel count (2)."), QStringLiteral("n")},
-        {{QStringLiteral("f"), QStringLiteral("format")},
-         QStringLiteral("Sample format by its ALSA name (S16_LE)."),
-         QStringLiteral("format")},
-        {{QStringLiteral("d"), QStringLiteral("duration")},
-         QStringLiteral(
-             "Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input."),
-         QStringLiteral("seconds")},
-        {{QStringLiteral("t"), QStringLiteral("file-type")},
-         QStringLiteral("File type: raw, wav, rf64, w64, flac, ogg or au (default: by the file name's extension)."),
-         QStringLiteral("type")},
-    });
+    addOptions(parser,
+               {
+                   {"D,device", "ALSA PCM name (default).", "name", "default"},
+                   {"r,rate", "Sample rate in Hz (48000).", "hz"},
+                   {"c,channels", "Channel count (2).", "n"},
+                   {"f,format", "Sample format by its ALSA name (S16_LE).", "format"},
+                   {"d,duration",
+                    "Seconds to run (fractions allowed); default: until Ctrl-C or, for play, the end of the input.",
+                    "seconds"},
+                   {"t,file-type",
+                    "File type: raw, wav, rf64, w64, flac, ogg or au (default: by the file name's extension).", "type"},
+               });
 }
 
 bool readStreamOptions(const QCommandLineParser& parser, StreamOptions* options, QString* error)

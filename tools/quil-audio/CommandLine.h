@@ -12,6 +12,8 @@
 
 #include <cstdio>
 #include <functional>
+#include <initializer_list>
+#include <optional>
 
 namespace quilaudio {
 
@@ -33,6 +35,9 @@ constexpr int DefaultBufferMs = 500;
 bool refuse(QString* error, const QString& message);
 /// Prints "quil-audio <command>: <message>" as one line on stderr and returns status.
 int fail(const QString& command, const QString& message, int status);
+/// fail() with ExitFailed, the message followed by ": why" when there is a why
+/// (the failing object's errorString(), empty when it has none).
+int failBecause(const QString& command, const QString& message, const QString& why);
 /// One line on stderr (summaries, notices).
 void printLine(const QString& line);
 /// One line on stdout, flushed: a watcher's lines must reach a pipe as they happen.
@@ -40,13 +45,23 @@ void printOut(const QString& line);
 /// Prints the parser's help with `program` ("quil-audio play") in its usage line.
 void printHelp(const QCommandLineParser& parser, const QString& program, FILE* stream);
 
+/// One option as a table row: its names joined by ',' ("o,output-file"), its
+/// help and, for an option that takes a value, the value's name and default.
+struct OptionSpec {
+    const char* names;
+    const char* help;
+    const char* valueName = "";
+    const char* defaultValue = "";
+};
+void addOptions(QCommandLineParser& parser, std::initializer_list<OptionSpec> options);
+
 /// Adds --help and -v/--verbose, parses `arguments` (the first one is
 /// "quil-audio <command>"), answers --help, routes the library's log and runs
-/// the command's own check of its options, if given. False when the command
-/// must end now with *status: after --help, or after reporting a parse error
+/// the command's own check of its options, if given. The status when the
+/// command must end now: after --help, or after reporting a parse error
 /// or the check's message.
-bool parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command, int* status,
-                      const std::function<bool(QString* error)>& checkOptions = {});
+std::optional<int> parseCommandLine(QCommandLineParser& parser, const QStringList& arguments, const QString& command,
+                                    const std::function<bool(QString* error)>& checkOptions = {});
 
 /// The stream every PCM command describes: -D, -r, -c, -f, -d and -t.
 struct StreamOptions {

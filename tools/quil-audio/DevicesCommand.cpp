@@ -85,16 +85,13 @@ int runDevicesCommand(const QStringList& arguments)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QString::fromLatin1(Usage));
-    parser.addOptions({
-        {QStringLiteral("json"),
-         QStringLiteral("Print one JSON object with the arrays \"pcms\", \"cards\" and \"mixers\".")},
-        {{QStringLiteral("m"), QStringLiteral("mixer")},
-         QStringLiteral("Also count the elements of this mixer device, such as default (repeatable)."),
-         QStringLiteral("name")},
-    });
-    int status = ExitOk;
-    if (!parseCommandLine(parser, arguments, Command, &status))
-        return status;
+    addOptions(parser,
+               {
+                   {"json", "Print one JSON object with the arrays \"pcms\", \"cards\" and \"mixers\"."},
+                   {"m,mixer", "Also count the elements of this mixer device, such as default (repeatable).", "name"},
+               });
+    if (const std::optional<int> status = parseCommandLine(parser, arguments, Command))
+        return *status;
     if (!parser.positionalArguments().isEmpty())
         return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()),
                     ExitUsage);

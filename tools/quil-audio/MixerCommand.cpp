@@ -9,8 +9,10 @@
 #include <QRegularExpression>
 #include <QTimer>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
+#include <utility>
 
 namespace quilaudio {
 
@@ -84,8 +86,6 @@ QString describe(AlsaMixerElement& element)
     return QStringLiteral("'%1' %2").arg(element.name(), parts.join(QStringLiteral("; ")));
 }
 
-QString because(const QString& why) { return why.isEmpty() ? QString() : QStringLiteral(": ") + why; }
-
 /// `quil-audio mixer`: lists, reads, changes and watches simple-mixer
 /// elements through AlsaCard, on the calling thread, whose event loop
 /// delivers the elements' changed() signals while watching.
@@ -95,28 +95,21 @@ public:
     {
         QCommandLineParser parser;
         parser.setApplicationDescription(QString::fromLatin1(Usage));
-        parser.addOptions({
-            {{QStringLiteral("D"), QStringLiteral("device")},
-             QStringLiteral("ALSA mixer device name."),
-             QStringLiteral("name"),
-             QString::fromLatin1(AlsaCard::DefaultName)},
-            {QStringLiteral("db"), QStringLiteral("set: gain in dB (the nearest value at or below it)."),
-             QStringLiteral("dB")},
-            {QStringLiteral("volume"), QStringLiteral("set: raw volume, or N% of the element's range."),
-             QStringLiteral("n[%]")},
-            {QStringLiteral("switch"), QStringLiteral("set: switch on or off."), QStringLiteral("on|off")},
-            {QStringLiteral("enum"), QStringLiteral("set: enumeration item by (partial) name or number."),
-             QStringLiteral("item")},
-            {QStringLiteral("playback"), QStringLiteral("set: change the playback side.")},
-            {QStringLiteral("capture"), QStringLiteral("set: change the capture side.")},
-            {QStringLiteral("count"), QStringLiteral("watch: end after this many changes."), QStringLiteral("n")},
-        });
+        addOptions(parser, {
+                               {"D,device", "ALSA mixer device name.", "name", AlsaCard::DefaultName},
+                               {"db", "set: gain in dB (the nearest value at or below it).", "dB"},
+                               {"volume", "set: raw volume, or N% of the element's range.", "n[%]"},
+                               {"switch", "set: switch on or off.", "on|off"},
+                               {"enum", "set: enumeration item by (partial) name or number.", "item"},
+                               {"playback", "set: change the playback side."},
+                               {"capture", "set: change the capture side."},
+                               {"count", "watch: end after this many changes.", "n"},
+                           });
         parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
         parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."),
                                      QStringLiteral("[name...]"));
-        int status = ExitOk;
-        if (!parseCommandLine(parser, arguments, Command, &status))
-            return status;
+        if (const std::optional<int> status = parseCommandLine(parser, arguments, Command))
+            return *status;
 
         m_device = parser.value(QStringLiteral("device"));
         m_playbackAsked = parser.isSet(QStringLiteral("playback"));
@@ -143,7 +136,7 @@ public:
                             .arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
                         ExitUsage);
 
-        status = openCard();
+        int status = openCard();
         if (status != ExitOk)
             return status;
         if (action == QLatin1String("set"))
@@ -160,11 +153,9 @@ private:
     int openCard()
     {
         m_card = std::make_unique<AlsaCard>(m_device, true);
-        if (!m_card->isOpen())
-            return fail(Command,
-                        QStringLiteral("cannot open mixer '%1'").arg(m_device) + because(m_card->errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return m_card->isOpen() ? ExitOk
+                                : failBecause(Command, QStringLiteral("cannot open mixer '%1'").arg(m_device),
+                                              m_card->errorString());
     }
 
     // The named elements, or all that the mixer lists; reports each name that matches none.
@@ -183,27 +174,25 @@ private:
 
     int set(const QCommandLineParser& parser, const QString& name)
     {
-        const bool byVolume = parser.isSet(QStringLiteral("volume"));
-        const bool byDb = parser.isSet(QStringLiteral("db"));
-        const bool bySwitch = parser.isSet(QStringLiteral("switch"));
-        const bool byEnum = parser.isSet(QStringLiteral("enum"));
+        // Applied in this order, each only while those before it succeeded.
+        using Setter = int (MixerCommand::*)(AlsaMixerElement&, const QString&);
+        const std::pair<QString, Setter> setters[] = {{QStringLiteral("enum"), &MixerCommand::setEnum},
+                                                      {QStringLiteral("switch"), &MixerCommand::setSwitch},
+                                                      {QStringLiteral("volume"), &MixerCommand::setVolume},
+                                                      {QStringLiteral("db"), &MixerCommand::setDb}};
         QString error;
         if (!exclusive(parser, QStringLiteral("volume"), QStringLiteral("db"), &error))
             return fail(Command, error, ExitUsage);
-        if (!byVolume && !byDb && !bySwitch && !byEnum)
+        if (std::none_of(std::begin(setters), std::end(setters), [&](const auto& s) { return parser.isSet(s.first); }))
             return fail(Command, QStringLiteral("set needs --db, --volume, --switch or --enum"), ExitUsage);
         int status = ExitOk;
         const AlsaMixerElementPtr element = load({name}, &status).value(0);
         if (!element)
             return status;
-        if (byEnum)
-            status = setEnum(*element, parser.value(QStringLiteral("enum")));
-        if (status == ExitOk && bySwitch)
-            status = setSwitch(*element, parser.value(QStringLiteral("switch")));
-        if (status == ExitOk && byVolume)
-            status = setVolume(*element, parser.value(QStringLiteral("volume")));
-        if (status == ExitOk && byDb)
-            status = setDb(*element, parser.value(QStringLiteral("db")));
+        for (const auto& setter : setters) {
+            if (status == ExitOk && parser.isSet(setter.first))
+                status = (this->*setter.second)(*element, parser.value(setter.first));
+        }
         if (status == ExitOk)
             printOut(describe(*element));
         return status;
@@ -251,12 +240,10 @@ private:
                             .arg(max)
                             .arg(element.name()),
                         ExitFailed);
-        if (!element.setVolume(static_cast<long>(target), mode))
-            return fail(Command,
-                        QStringLiteral("cannot set the volume of '%1'").arg(element.name())
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setVolume(static_cast<long>(target), mode)
+                   ? ExitOk
+                   : failBecause(Command, QStringLiteral("cannot set the volume of '%1'").arg(element.name()),
+                                 element.errorString());
     }
 
     int setDb(AlsaMixerElement& element, const QString& value)
@@ -270,12 +257,10 @@ private:
             return ExitFailed;
         if (!element.hasDB(mode))
             return fail(Command, QStringLiteral("'%1' has no dB scale; use --volume").arg(element.name()), ExitFailed);
-        if (!element.setDB(dB, mode))
-            return fail(Command,
-                        QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value)
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setDB(dB, mode)
+                   ? ExitOk
+                   : failBecause(Command, QStringLiteral("cannot set '%1' to %2 dB").arg(element.name(), value),
+                                 element.errorString());
     }
 
     int setSwitch(AlsaMixerElement& element, const QString& value)
@@ -286,12 +271,10 @@ private:
         AlsaElementMode mode = Playback;
         if (chooseSide(QStringLiteral("switch"), element, &mode) != ExitOk)
             return ExitFailed;
-        if (!element.setSwitch(state == QLatin1String("on"), mode))
-            return fail(Command,
-                        QStringLiteral("cannot switch '%1' %2").arg(element.name(), state)
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setSwitch(state == QLatin1String("on"), mode)
+                   ? ExitOk
+                   : failBecause(Command, QStringLiteral("cannot switch '%1' %2").arg(element.name(), state),
+                                 element.errorString());
     }
 
     // Items are matched like element names: exact, else the first that contains
@@ -314,12 +297,11 @@ private:
                         QStringLiteral("'%1' has no item '%2' (items: %3)")
                             .arg(element.name(), item, items.join(QStringLiteral(", "))),
                         ExitFailed);
-        if (!element.setEnum(static_cast<unsigned int>(index)))
-            return fail(Command,
-                        QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name())
-                            + because(element.errorString()),
-                        ExitFailed);
-        return ExitOk;
+        return element.setEnum(static_cast<unsigned int>(index))
+                   ? ExitOk
+                   : failBecause(Command,
+                                 QStringLiteral("cannot select '%1' on '%2'").arg(items[index], element.name()),
+                                 element.errorString());
     }
 
     int watch(const QList<AlsaMixerElementPtr>& elements, int count)
@@ -342,8 +324,7 @@ private:
                 // A mixer that closed itself (its server went away) never reports again.
                 if (!m_card->isOpen()) {
                     changes = count;
-                    fail(Command, QStringLiteral("mixer '%1' closed").arg(m_device) + because(m_card->errorString()),
-                         ExitFailed);
+                    failBecause(Command, QStringLiteral("mixer '%1' closed").arg(m_device), m_card->errorString());
                     loop.exit(ExitFailed);
                     return;
                 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 namespace quilaudio {
 
@@ -14,12 +15,21 @@ namespace {
 
 int sampleBytes(snd_pcm_format_t format) { return snd_pcm_format_physical_width(format) / 8; }
 
+// A float's bits as an integer of its size, or back.
+template <typename To, typename From> To bitCast(From from)
+{
+    static_assert(sizeof(To) == sizeof(From), "a bit cast keeps the size");
+    To to;
+    std::memcpy(&to, &from, sizeof to);
+    return to;
+}
+
 // Samples of the machine type T, centred on zero, full scale at fullScale.
 // They are taken in groups of eight, whose extremes the compiler keeps in
 // vector registers: with 1, 2, 4 or 8 channels, place j of every group is
 // channel j % channels. Other channel counts, and the last few samples,
-// take the plain loop after it. Out of line, as inlined into the switch
-// below g++ keeps the extremes on the stack, at ten times the cost.
+// take the plain loop after it. Out of line, as inlined into its caller
+// g++ keeps the extremes on the stack, at ten times the cost.
 template <typename T>
 __attribute__((noinline)) void typedPeaks(const char* data, int samples, int channels, double zero, double fullScale,
                                           double* peaks)
@@ -53,38 +63,26 @@ __attribute__((noinline)) void typedPeaks(const char* data, int samples, int cha
     }
 }
 
-// True when format was one of the machine's own sample types.
+// The formats in the machine's own sample types.
+using TypedPeaks = void (*)(const char*, int, int, double, double, double*);
+const std::pair<snd_pcm_format_t, TypedPeaks> MachineFormats[] = {
+    {SND_PCM_FORMAT_S8, typedPeaks<int8_t>},   {SND_PCM_FORMAT_U8, typedPeaks<uint8_t>},
+    {SND_PCM_FORMAT_S16, typedPeaks<int16_t>}, {SND_PCM_FORMAT_U16, typedPeaks<uint16_t>},
+    {SND_PCM_FORMAT_S32, typedPeaks<int32_t>}, {SND_PCM_FORMAT_U32, typedPeaks<uint32_t>},
+    {SND_PCM_FORMAT_FLOAT, typedPeaks<float>}, {SND_PCM_FORMAT_FLOAT64, typedPeaks<double>},
+};
+
+// True when format was one of MachineFormats.
 bool machinePeaks(const char* data, int samples, int channels, snd_pcm_format_t format, double* peaks)
 {
-    const double half = std::ldexp(1.0, snd_pcm_format_width(format) - 1);
-    switch (format) {
-    case SND_PCM_FORMAT_S8:
-        typedPeaks<int8_t>(data, samples, channels, 0, half, peaks);
+    for (const auto& [machineFormat, typed] : MachineFormats) {
+        if (machineFormat != format)
+            continue;
+        const double half = snd_pcm_format_float(format) == 1 ? 1.0 : std::ldexp(1.0, snd_pcm_format_width(format) - 1);
+        typed(data, samples, channels, snd_pcm_format_unsigned(format) == 1 ? half : 0.0, half, peaks);
         return true;
-    case SND_PCM_FORMAT_U8:
-        typedPeaks<uint8_t>(data, samples, channels, half, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_S16:
-        typedPeaks<int16_t>(data, samples, channels, 0, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_U16:
-        typedPeaks<uint16_t>(data, samples, channels, half, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_S32:
-        typedPeaks<int32_t>(data, samples, channels, 0, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_U32:
-        typedPeaks<uint32_t>(data, samples, channels, half, half, peaks);
-        return true;
-    case SND_PCM_FORMAT_FLOAT:
-        typedPeaks<float>(data, samples, channels, 0, 1, peaks);
-        return true;
-    case SND_PCM_FORMAT_FLOAT64:
-        typedPeaks<double>(data, samples, channels, 0, 1, peaks);
-        return true;
-    default:
-        return false;
     }
+    return false;
 }
 
 } // namespace
@@ -103,17 +101,8 @@ double decodeSample(const char* data, snd_pcm_format_t format)
     uint64_t raw = 0;
     for (int i = 0; i < bytes; ++i)
         raw |= uint64_t(uint8_t(data[bigEndian ? bytes - 1 - i : i])) << (8 * i);
-    if (snd_pcm_format_float(format) == 1) {
-        if (bytes == 4) {
-            const uint32_t bits = static_cast<uint32_t>(raw);
-            float value;
-            std::memcpy(&value, &bits, sizeof value);
-            return value;
-        }
-        double value;
-        std::memcpy(&value, &raw, sizeof value);
-        return value;
-    }
+    if (snd_pcm_format_float(format) == 1)
+        return bytes == 4 ? bitCast<float>(static_cast<uint32_t>(raw)) : bitCast<double>(raw);
     // Narrow samples in wide containers (S24_LE) sit in the low bits; linear
     // samples have at most 32.
     const int width = snd_pcm_format_width(format);
@@ -132,14 +121,7 @@ void encodeSample(double value, snd_pcm_format_t format, char* data)
     const bool bigEndian = snd_pcm_format_big_endian(format) == 1;
     uint64_t raw = 0;
     if (snd_pcm_format_float(format) == 1) {
-        if (bytes == 4) {
-            const float narrow = static_cast<float>(value);
-            uint32_t bits;
-            std::memcpy(&bits, &narrow, sizeof bits);
-            raw = bits;
-        } else {
-            std::memcpy(&raw, &value, sizeof raw);
-        }
+        raw = bytes == 4 ? bitCast<uint32_t>(static_cast<float>(value)) : bitCast<uint64_t>(value);
     } else {
         const int width = snd_pcm_format_width(format);
         const int64_t half = int64_t(1) << (width - 1);

@@ -49,37 +49,26 @@ public:
     {
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Input file; \"-\" is stdin (raw).");
-        parser.addOptions({
-            {{QStringLiteral("o"), QStringLiteral("output-file")},
-             QStringLiteral("Write into this raw file instead of an ALSA device."),
-             QStringLiteral("file")},
-            {QStringLiteral("tone"), QStringLiteral("Play a sine tone at -6 dBFS instead of FILE."),
-             QStringLiteral("hz")},
-            {{QStringLiteral("F"), QStringLiteral("period-time")},
-             QStringLiteral("Period in microseconds (125000 with no -B)."),
-             QStringLiteral("us")},
-            {QStringLiteral("period-size"), QStringLiteral("Period in frames."), QStringLiteral("frames")},
-            {{QStringLiteral("B"), QStringLiteral("buffer-time")},
-             QStringLiteral("Buffer in microseconds (500000 with no -F)."),
-             QStringLiteral("us")},
-            {QStringLiteral("buffer-size"), QStringLiteral("Buffer in frames."), QStringLiteral("frames")},
-            {QStringLiteral("start-threshold"), QStringLiteral("Frames queued before playback starts."),
-             QStringLiteral("frames")},
-            {QStringLiteral("start-threshold-time"), QStringLiteral("Start threshold in microseconds."),
-             QStringLiteral("us")},
-            {QStringLiteral("near-rate"), QStringLiteral("Accept the device's nearest rate.")},
-            {QStringLiteral("near-channels"), QStringLiteral("Accept the device's nearest channel count.")},
-            {QStringLiteral("tstamp"),
-             QStringLiteral("Timestamp the device status; the progress shows the delay's age.")},
-            {QStringLiteral("no-drain"), QStringLiteral("At the end, close at once instead of waiting for the queue.")},
-        });
-        int status = ExitOk;
-        if (!parseCommandLine(parser, arguments, Command, &status,
-                              [&](QString* error) { return readOptions(parser, error); }))
-            return status;
+        addOptions(parser, {
+                               {"o,output-file", "Write into this raw file instead of an ALSA device.", "file"},
+                               {"tone", "Play a sine tone at -6 dBFS instead of FILE.", "hz"},
+                               {"F,period-time", "Period in microseconds (125000 with no -B).", "us"},
+                               {"period-size", "Period in frames.", "frames"},
+                               {"B,buffer-time", "Buffer in microseconds (500000 with no -F).", "us"},
+                               {"buffer-size", "Buffer in frames.", "frames"},
+                               {"start-threshold", "Frames queued before playback starts.", "frames"},
+                               {"start-threshold-time", "Start threshold in microseconds.", "us"},
+                               {"near-rate", "Accept the device's nearest rate."},
+                               {"near-channels", "Accept the device's nearest channel count."},
+                               {"tstamp", "Timestamp the device status; the progress shows the delay's age."},
+                               {"no-drain", "At the end, close at once instead of waiting for the queue."},
+                           });
+        if (const std::optional<int> status = parseCommandLine(
+                parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); }))
+            return *status;
 
         watchSignals();
-        status = openSource();
+        int status = openSource();
         if (status == ExitOk)
             status = openDevice();
         return status == ExitOk ? playUntilDone() : status;
@@ -89,9 +78,8 @@ private:
     bool readOptions(const QCommandLineParser& parser, QString* error)
     {
         if (!readStreamOptions(parser, &m_stream, error)
-            || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error))
-            return false;
-        if (!readFileArgument(parser, QStringLiteral("input"), &m_input, error))
+            || !readDouble(parser, QStringLiteral("tone"), &m_toneHz, error)
+            || !readFileArgument(parser, QStringLiteral("input"), &m_input, error))
             return false;
         m_outputFile = parser.value(QStringLiteral("output-file"));
         m_drain = !parser.isSet(QStringLiteral("no-drain"));
@@ -146,21 +134,16 @@ private:
     bool takeHeader(QString* error)
     {
         const AudioFile::Layout header = m_inputFile.layout();
-        const auto contradicts = [&](bool given, unsigned int asked, unsigned int held, const char* what) {
-            if (given && asked != held)
-                *error = QStringLiteral("'%1' holds %2 %3, not %4 as the command line says")
-                             .arg(m_input)
-                             .arg(held)
-                             .arg(QLatin1String(what))
-                             .arg(asked);
-            return given && asked != held;
+        const auto contradicts = [&](bool given, const QString& asked, const QString& held, const char* what) {
+            return given && asked != held
+                   && !refuse(error, QStringLiteral("'%1' holds %2 %3, not %4 as the command line says")
+                                         .arg(m_input, held, QLatin1String(what), asked));
         };
-        if (contradicts(m_stream.rateGiven, m_stream.rate, header.rate, "Hz")
-            || contradicts(m_stream.channelsGiven, m_stream.channels, header.channels, "channels"))
+        const auto number = [](unsigned int value) { return QString::number(value); };
+        if (contradicts(m_stream.rateGiven, number(m_stream.rate), number(header.rate), "Hz")
+            || contradicts(m_stream.channelsGiven, number(m_stream.channels), number(header.channels), "channels")
+            || contradicts(m_stream.formatGiven, formatText(m_stream.format), formatText(header.format), "samples"))
             return false;
-        if (m_stream.formatGiven && m_stream.format != header.format)
-            return refuse(error, QStringLiteral("'%1' holds %2 samples, not %3 as the command line says")
-                                     .arg(m_input, formatText(header.format), formatText(m_stream.format)));
         m_stream.rate = header.rate;
         m_stream.channels = header.channels;
         return true;
@@ -174,15 +157,14 @@ private:
         QVector<snd_pcm_format_t> candidates = AudioFile::readableFormats();
         if (candidates.removeOne(own))
             candidates.prepend(own);
-        snd_pcm_format_t chosen = candidates.first();
         // A PCM that does not open keeps the first, for the real open to say why.
         const QVector<snd_pcm_format_t> taken = m_outputFile.isEmpty()
                                                     ? AlsaDevices::formats(m_stream.device, SND_PCM_STREAM_PLAYBACK)
                                                     : QVector<snd_pcm_format_t>();
-        if (!taken.isEmpty()) {
-            const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
-            chosen = first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN : *first;
-        }
+        const auto first = std::find_first_of(candidates.cbegin(), candidates.cend(), taken.cbegin(), taken.cend());
+        const snd_pcm_format_t chosen = taken.isEmpty()              ? candidates.first()
+                                        : first == candidates.cend() ? SND_PCM_FORMAT_UNKNOWN
+                                                                     : *first;
         if (chosen == SND_PCM_FORMAT_UNKNOWN)
             return refuse(
                 error,
@@ -226,11 +208,7 @@ private:
         if (!m_device->open()) {
             const QString where = m_alsa ? QStringLiteral("playback device '%1'").arg(m_stream.device)
                                          : QStringLiteral("'%1'").arg(m_outputFile);
-            const QString why = m_device->errorString();
-            return fail(Command,
-                        QStringLiteral("cannot open ") + where
-                            + (why.isEmpty() ? QString() : QStringLiteral(": ") + why),
-                        ExitFailed);
+            return failBecause(Command, QStringLiteral("cannot open ") + where, m_device->errorString());
         }
         if (!m_alsa)
             return ExitOk;
@@ -253,13 +231,10 @@ private:
         const int deviceFrameBytes = m_device->bytesPerSample() * m_device->channelCount();
         QElapsedTimer sinceProgress;
         sinceProgress.start();
-        bool interrupted = false;
         QString error;
         while (framesLeft != 0 && error.isEmpty()) {
-            if (stopRequested()) {
-                interrupted = true;
+            if (stopRequested())
                 break;
-            }
             const int frames =
                 framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
             QByteArray block;
@@ -267,8 +242,7 @@ private:
                 break;
             const AudioOutputDevice::WriteResult result = m_device->write(block);
             if (result == AudioOutputDevice::DeviceClosed) {
-                interrupted = stopRequested();
-                if (!interrupted)
+                if (!stopRequested())
                     error = QStringLiteral("playback on '%1' failed: %2").arg(m_stream.device, m_device->errorString());
                 break;
             }
@@ -283,7 +257,8 @@ private:
         }
         m_progress.finish();
         updateDelay();
-        closeDevice(interrupted || !error.isEmpty());
+        // Ctrl-C, or a failure, ends at once: nothing more is drained.
+        closeDevice(stopRequested() || !error.isEmpty());
         if (!error.isEmpty())
             return fail(Command, error, ExitFailed);
         printLine(summary());

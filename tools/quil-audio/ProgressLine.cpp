@@ -1,14 +1,8 @@
 #include "ProgressLine.h"
 
 #include <cstdio>
-#include <unistd.h>
 
 namespace quilaudio {
-
-ProgressLine::ProgressLine()
-    : m_enabled(::isatty(STDERR_FILENO) == 1)
-{
-}
 
 void ProgressLine::show(const QString& text)
 {

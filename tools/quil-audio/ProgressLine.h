@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <unistd.h>
+
 namespace quilaudio {
 
 /// How often a progress line is redrawn.
@@ -10,14 +12,13 @@ constexpr int ProgressIntervalMs = 100;
 /// A status line redrawn in place on stderr, shown only when stderr is a terminal.
 class ProgressLine {
 public:
-    ProgressLine();
     bool isShown() const { return m_enabled; }
     void show(const QString& text);
     /// Ends the line so that following output starts on a new one.
     void finish();
 
 private:
-    bool m_enabled;
+    bool m_enabled = ::isatty(STDERR_FILENO) == 1;
     bool m_drawn = false;
 };
 

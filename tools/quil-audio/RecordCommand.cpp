@@ -73,32 +73,24 @@ class RecordCommand {
 public:
     int run(const QStringList& arguments)
     {
-        int status = ExitOk;
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Output file; \"-\" is stdout (raw).");
-        parser.addOptions({
-            {QStringLiteral("input-file"), QStringLiteral("Capture this raw file instead of an ALSA device."),
-             QStringLiteral("file")},
-            {{QStringLiteral("F"), QStringLiteral("period-time")},
-             QStringLiteral("Period in microseconds (125000); one read of the provider."),
-             QStringLiteral("us")},
-            {{QStringLiteral("B"), QStringLiteral("buffer-time")},
-             QStringLiteral("ALSA buffer in microseconds (4 periods)."),
-             QStringLiteral("us")},
-            {QStringLiteral("ring-ms"),
-             QStringLiteral(
-                 "Ring buffer of recent audio (the pre-roll, at least a period; a period more with a trigger)."),
-             QStringLiteral("ms")},
-            {QStringLiteral("pre-roll-ms"), QStringLiteral("Start the output this much before recording is asked for."),
-             QStringLiteral("ms")},
-            {QStringLiteral("trigger-dbfs"),
-             QStringLiteral("Ask for recording at the first sample at this level or above."), QStringLiteral("dBFS")},
-            {QStringLiteral("mute"), QStringLiteral("Start muted (silence is recorded); SIGUSR1 toggles.")},
-        });
-        if (!parseCommandLine(parser, arguments, Command, &status,
-                              [&](QString* error) { return readOptions(parser, error); }))
-            return status;
-        status = openSource();
+        addOptions(
+            parser,
+            {
+                {"input-file", "Capture this raw file instead of an ALSA device.", "file"},
+                {"F,period-time", "Period in microseconds (125000); one read of the provider.", "us"},
+                {"B,buffer-time", "ALSA buffer in microseconds (4 periods).", "us"},
+                {"ring-ms",
+                 "Ring buffer of recent audio (the pre-roll, at least a period; a period more with a trigger).", "ms"},
+                {"pre-roll-ms", "Start the output this much before recording is asked for.", "ms"},
+                {"trigger-dbfs", "Ask for recording at the first sample at this level or above.", "dBFS"},
+                {"mute", "Start muted (silence is recorded); SIGUSR1 toggles."},
+            });
+        if (const std::optional<int> status = parseCommandLine(
+                parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); }))
+            return *status;
+        const int status = openSource();
         if (status != ExitOk)
             return status;
         m_frameBytes = m_device->bytesPerSample() * m_device->channelCount();
@@ -122,9 +114,8 @@ private:
             || !readMicrosecondsAsMs(parser, QStringLiteral("period-time"), &m_periodMs, error)
             || !readMicrosecondsAsMs(parser, QStringLiteral("buffer-time"), &m_bufferMs, error)
             || !readInt(parser, QStringLiteral("ring-ms"), 0, 3600000, &m_ringMs, error)
-            || !readInt(parser, QStringLiteral("pre-roll-ms"), 0, 3600000, &m_preRollMs, error))
-            return false;
-        if (!readFileArgument(parser, QStringLiteral("output"), &m_output, error))
+            || !readInt(parser, QStringLiteral("pre-roll-ms"), 0, 3600000, &m_preRollMs, error)
+            || !readFileArgument(parser, QStringLiteral("output"), &m_output, error))
             return false;
         if (m_output == QLatin1String("-") && ::isatty(STDOUT_FILENO) == 1)
             return refuse(error,
