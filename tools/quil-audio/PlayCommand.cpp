@@ -232,9 +232,7 @@ private:
         QElapsedTimer sinceProgress;
         sinceProgress.start();
         QString error;
-        while (framesLeft != 0 && error.isEmpty()) {
-            if (stopRequested())
-                break;
+        while (framesLeft != 0 && error.isEmpty() && !stopRequested()) {
             const int frames =
                 framesLeft < 0 ? m_blockFrames : static_cast<int>(qMin<qint64>(framesLeft, m_blockFrames));
             QByteArray block;
