@@ -143,6 +143,9 @@ TEST_F(MixerTest, DecibelsAreSetAndReadInHundredthsOnEitherSide)
         EXPECT_EQ(std::make_pair(volume, dB), std::make_pair(c.volume, c.dB));
     }
     EXPECT_FALSE(card.loadMixerElement("Headphone")->hasDB(Playback));
+    bool on = true;
+    const AlsaMixerElementPtr master = card.loadMixerElement("Master");
+    EXPECT_TRUE(master->setSwitch(false, Playback) && master->getSwitch(&on, Playback) && !on);
 }
 
 // A poll error or a dead backend closes the mixer for good, without spinning,
