@@ -213,8 +213,14 @@ TEST_F(PlaybackTest, DevicesListHintedPcmsCardsAndTheFormatsAPcmTakes)
     EXPECT_EQ(code, 0);
     EXPECT_TRUE(find("mono_only").description == "One channel only" && find("mono_only").capture);
     EXPECT_TRUE(find("only44k_plug").playback && !find("only44k_plug").capture);
-    for (const AlsaDevices::Card& card : AlsaDevices::cards())   // none on a machine without sound hardware
-        EXPECT_TRUE(card.index >= 0 && !card.name.isEmpty() && !card.longName.isEmpty());
+    // No sound hardware here: cards 0 and 3 are faked, the second without a name.
+    faults::setHook<int(int*)>("snd_card_next", [](int* i) { *i = *i < 0 ? 0 : *i == 0 ? 3 : -1; return 0; });
+    faults::setHook<int(int, char**)>("snd_card_get_name", [](int i, char** t) { *t = i ? nullptr : strdup("Fake"); return i ? -ENOENT : 0; });
+    faults::setHook<int(int, char**)>("snd_card_get_longname", [](int, char** t) { *t = strdup("Fake card"); return 0; });
+    const QList<AlsaDevices::Card> cards = AlsaDevices::cards();
+    ASSERT_EQ(cards.size(), 2);
+    EXPECT_TRUE(cards[0].device == "hw:0" && cards[0].name == "Fake" && cards[0].longName == "Fake card");
+    EXPECT_TRUE(cards[1].index == 3 && cards[1].name.isEmpty() && cards[1].longName == "Fake card");
     EXPECT_EQ(AlsaDevices::formats("only44k", SND_PCM_STREAM_PLAYBACK), QVector<snd_pcm_format_t>{SND_PCM_FORMAT_S32_LE});
     EXPECT_TRUE(AlsaDevices::formats("nosuch", SND_PCM_STREAM_PLAYBACK, &code).isEmpty());
     EXPECT_LT(code, 0);

@@ -1,4 +1,4 @@
-// Pass-through definitions of every PCM function the library calls, so that a
+// Pass-through definitions of every PCM and card function the library calls, so that a
 // test can make any of them fail (see AlsaFaults.h).
 
 #include "AlsaFaults.h"
@@ -41,6 +41,9 @@ QUIL_INTERPOSE(int, snd_pcm_drain, (Pcm* pcm), (pcm))
 QUIL_INTERPOSE(int, snd_pcm_recover, (Pcm* pcm, int err, int silent), (pcm, err, silent))
 QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_avail_update, (Pcm* pcm), (pcm))
 QUIL_INTERPOSE(int, snd_pcm_status, (Pcm* pcm, snd_pcm_status_t* status), (pcm, status))
+QUIL_INTERPOSE(int, snd_card_next, (int* index), (index))
+QUIL_INTERPOSE(int, snd_card_get_name, (int index, char** name), (index, name))
+QUIL_INTERPOSE(int, snd_card_get_longname, (int index, char** name), (index, name))
 
 // Retry and back-off sleeps, so tests can check them exactly (and skip them).
 QUIL_INTERPOSE(int, usleep, (useconds_t us), (us))
