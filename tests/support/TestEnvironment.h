@@ -46,10 +46,7 @@ inline QByteArray patternBytes(int size, int seed = 0)
 }
 
 /// snd_strerror(code) as a QString, for building expected log lines.
-inline QString alsaText(int code)
-{
-    return QString::fromUtf8(snd_strerror(code));
-}
+inline QString alsaText(int code) { return QString::fromUtf8(snd_strerror(code)); }
 
 /// ms × QUIL_TEST_TIME_SCALE (set where the tests run under an emulator, which
 /// is several times slower): for waiting limits and the slack above a paced

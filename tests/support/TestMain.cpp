@@ -12,9 +12,7 @@
 #include <cstdarg>
 #include <cstdlib>
 
-static void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...)
-{
-}
+static void silentAlsaErrorHandler(const char*, int, const char*, int, const char*, ...) {}
 
 int main(int argc, char** argv)
 {

@@ -113,6 +113,7 @@ bool AudioFile::open(const QString& path, int mode, SF_INFO* info)
         return false;
     }
     m_file = sf_open_fd(fd, mode, info, fd > STDERR_FILENO);
+    m_seekable = info->seekable == SF_TRUE;
     return m_file || fail("open");
 }
 

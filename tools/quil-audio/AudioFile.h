@@ -40,6 +40,10 @@ public:
     bool openForWriting(const QString& path, const QString& typeName, const Layout& layout);
     Layout layout() const { return m_layout; }
     bool isRaw() const { return m_sfFormat == SF_FORMAT_RAW; }
+    /// Bytes per frame at read() and write().
+    int frameBytes() const { return m_frameBytes; }
+    /// A regular file, as opposed to a pipe or a terminal.
+    bool isSeekable() const { return m_seekable; }
 
     /// The next `frames` frames of the input, fewer only at its end, none
     /// past it; false on error.
@@ -64,6 +68,7 @@ private:
     Layout m_layout;
     snd_pcm_format_t m_ioFormat = SND_PCM_FORMAT_UNKNOWN; // the frames' format at read() and write()
     int m_frameBytes = 0;
+    bool m_seekable = false;
     QString m_error;
 };
 

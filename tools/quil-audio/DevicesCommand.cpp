@@ -22,61 +22,27 @@ const char* const Usage = "Lists the PCMs that ALSA's device name hints name, wi
                           "elements on each (mixer device hw:N). PCMs without a hint (such as 'default'\n"
                           "on many systems) are not listed but can still be opened by name.";
 
-// The mixer with the number of its active simple elements, each index
-// counted; null, not a number, when it cannot be opened.
-QJsonObject mixerJson(const QString& device)
+// The number of the mixer's active simple elements, each index counted; -1
+// when it cannot be opened (null, not a number, in JSON).
+int elementCount(const QString& device)
 {
     const QSharedPointer<AlsaMixerHandle> handle = AlsaMixerHandle::openHandle(device);
-    return {{QStringLiteral("mixer"), device},
-            {QStringLiteral("mixerElements"), handle ? QJsonValue(handle->buildElementList().size()) : QJsonValue()}};
+    return handle ? handle->buildElementList().size() : -1;
 }
 
-QString elementsText(const QJsonValue& count)
+QJsonValue countJson(int count) { return count < 0 ? QJsonValue() : QJsonValue(count); }
+
+QString elementsText(int count)
 {
-    return count.isNull() ? QStringLiteral("mixer cannot be opened")
-                          : QStringLiteral("%1 mixer elements").arg(count.toInt());
+    return count < 0 ? QStringLiteral("mixer cannot be opened") : QStringLiteral("%1 mixer elements").arg(count);
 }
 
-// The listing as text, from the same object that --json prints.
-void printText(const QJsonObject& all)
+// A titled section of the text listing; an empty one says "none".
+void printSection(const QString& title, const QStringList& lines)
 {
-    const QJsonArray pcms = all[QStringLiteral("pcms")].toArray();
-    int width = 0;
-    for (const QJsonValue& pcm : pcms)
-        width = std::max(width, pcm[QStringLiteral("name")].toString().size());
-    printOut(QStringLiteral("PCMs:"));
-    if (pcms.isEmpty())
-        printOut(QStringLiteral("  none"));
-    for (const QJsonValue& pcm : pcms) {
-        QStringList served;
-        if (pcm[QStringLiteral("playback")].toBool())
-            served << QStringLiteral("playback");
-        if (pcm[QStringLiteral("capture")].toBool())
-            served << QStringLiteral("capture");
-        const QString description = pcm[QStringLiteral("description")]
-                                        .toString()
-                                        .split(QLatin1Char('\n'), Qt::SkipEmptyParts)
-                                        .join(QStringLiteral(", "));
-        const QString line = pcm[QStringLiteral("name")].toString().leftJustified(width) + QStringLiteral("  ")
-                             + served.join(QStringLiteral(", ")).leftJustified(17) + QStringLiteral("  ") + description;
-        printOut(QStringLiteral("  ") + line.trimmed());
-    }
-    const QJsonArray cards = all[QStringLiteral("cards")].toArray();
-    printOut(QStringLiteral("Cards:"));
-    if (cards.isEmpty())
-        printOut(QStringLiteral("  none"));
-    for (const QJsonValue& card : cards)
-        printOut(QStringLiteral("  %1  %2 (%3): %4")
-                     .arg(card[QStringLiteral("mixer")].toString(), card[QStringLiteral("name")].toString(),
-                          card[QStringLiteral("longName")].toString(),
-                          elementsText(card[QStringLiteral("mixerElements")])));
-    const QJsonArray mixers = all[QStringLiteral("mixers")].toArray();
-    if (!mixers.isEmpty())
-        printOut(QStringLiteral("Mixers:"));
-    for (const QJsonValue& mixer : mixers)
-        printOut(
-            QStringLiteral("  %1: %2")
-                .arg(mixer[QStringLiteral("mixer")].toString(), elementsText(mixer[QStringLiteral("mixerElements")])));
+    printOut(title);
+    for (const QString& line : lines.isEmpty() ? QStringList{QStringLiteral("none")} : lines)
+        printOut(QStringLiteral("  ") + line);
 }
 
 } // namespace
@@ -97,38 +63,54 @@ int runDevicesCommand(const QStringList& arguments)
                     ExitUsage);
 
     int code = 0;
-    QJsonArray pcms;
-    for (const AlsaDevices::Pcm& pcm : AlsaDevices::pcms(&code))
+    const QList<AlsaDevices::Pcm> found = AlsaDevices::pcms(&code);
+    if (code < 0)
+        return failBecause(Command, QStringLiteral("cannot read ALSA's device name hints"),
+                           QString::fromLocal8Bit(snd_strerror(code)));
+    int width = 0;
+    for (const AlsaDevices::Pcm& pcm : found)
+        width = std::max(width, pcm.name.size());
+    // Each section is built twice over, as JSON and as text lines, from the same values.
+    QJsonArray pcms, cards, mixers;
+    QStringList pcmLines, cardLines, mixerLines;
+    for (const AlsaDevices::Pcm& pcm : found) {
         pcms.append(QJsonObject{{QStringLiteral("name"), pcm.name},
                                 {QStringLiteral("description"), pcm.description},
                                 {QStringLiteral("playback"), pcm.playback},
                                 {QStringLiteral("capture"), pcm.capture}});
-    if (code < 0)
-        return fail(
-            Command,
-            QStringLiteral("cannot read ALSA's device name hints: %1").arg(QString::fromLocal8Bit(snd_strerror(code))),
-            ExitFailed);
-    QJsonArray cards;
+        const QString served = pcm.playback && pcm.capture ? QStringLiteral("playback, capture")
+                               : pcm.playback              ? QStringLiteral("playback")
+                                                           : QStringLiteral("capture");
+        const QString description = pcm.description.split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(", ");
+        pcmLines << (pcm.name.leftJustified(width) + "  " + served.leftJustified(17) + "  " + description).trimmed();
+    }
     for (const AlsaDevices::Card& card : AlsaDevices::cards()) {
-        QJsonObject object = mixerJson(card.device);
-        object.insert(QStringLiteral("card"), card.index);
-        object.insert(QStringLiteral("name"), card.name);
-        object.insert(QStringLiteral("longName"), card.longName);
-        cards.append(object);
+        const int count = elementCount(card.device);
+        cards.append(QJsonObject{{QStringLiteral("card"), card.index},
+                                 {QStringLiteral("name"), card.name},
+                                 {QStringLiteral("longName"), card.longName},
+                                 {QStringLiteral("mixer"), card.device},
+                                 {QStringLiteral("mixerElements"), countJson(count)}});
+        cardLines << QStringLiteral("%1  %2 (%3): %4").arg(card.device, card.name, card.longName, elementsText(count));
     }
     // A mixer asked for by name must open: its count is what the caller wants to know.
-    QJsonArray mixers;
     for (const QString& device : parser.values(QStringLiteral("mixer"))) {
-        mixers.append(mixerJson(device));
-        if (mixers.last()[QStringLiteral("mixerElements")].isNull())
+        const int count = elementCount(device);
+        if (count < 0)
             return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(device), ExitFailed);
+        mixers.append(QJsonObject{{QStringLiteral("mixer"), device}, {QStringLiteral("mixerElements"), count}});
+        mixerLines << QStringLiteral("%1: %2").arg(device, elementsText(count));
     }
-    const QJsonObject all{
-        {QStringLiteral("pcms"), pcms}, {QStringLiteral("cards"), cards}, {QStringLiteral("mixers"), mixers}};
-    if (parser.isSet(QStringLiteral("json")))
+    if (parser.isSet(QStringLiteral("json"))) {
+        const QJsonObject all{
+            {QStringLiteral("pcms"), pcms}, {QStringLiteral("cards"), cards}, {QStringLiteral("mixers"), mixers}};
         std::fputs(QJsonDocument(all).toJson(QJsonDocument::Indented).constData(), stdout);
-    else
-        printText(all);
+        return ExitOk;
+    }
+    printSection(QStringLiteral("PCMs:"), pcmLines);
+    printSection(QStringLiteral("Cards:"), cardLines);
+    if (!mixerLines.isEmpty())
+        printSection(QStringLiteral("Mixers:"), mixerLines);
     return ExitOk;
 }
 
