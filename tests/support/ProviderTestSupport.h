@@ -98,22 +98,19 @@ public:
         m_transfer.onFinished([state = m_state](const CMError&) { state->finished = true; });
     }
     CMDataTransfer& transfer() { return m_transfer; }
-    QList<QByteArray> blocks() const
-    {
-        std::lock_guard<std::mutex> lock(m_state->mutex);
-        return m_state->blocks;
-    }
-    QList<int> order() const
-    {
-        std::lock_guard<std::mutex> lock(m_state->mutex);
-        return m_state->order;
-    }
+    QList<QByteArray> blocks() const { return locked(&State::blocks); }
+    QList<int> order() const { return locked(&State::order); }
     QByteArray bytes() const { return blocks().join(); }
     int blockCount() const { return blocks().size(); }
     bool isFinished() const { return m_state->finished; }
 
 private:
     struct State { std::mutex mutex; QList<QByteArray> blocks; QList<int> order; std::atomic<bool> finished{false}; };
+    template <class T> T locked(T State::*member) const
+    {
+        std::lock_guard<std::mutex> lock(m_state->mutex);
+        return (*m_state).*member;
+    }
     std::shared_ptr<State> m_state = std::make_shared<State>();
     CMDataTransfer m_transfer;
 };

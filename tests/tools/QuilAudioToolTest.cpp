@@ -8,6 +8,7 @@
 #include "TestEnvironment.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -45,13 +46,17 @@ struct Case
     /// A line the test mixer's FIFO holds before the tool starts.
     QByteArray fifoLine;
     int interruptAfterMs = -1;
+    /// The run lasts this long at least: a playback's end waits for the device to play it all.
+    int minMs = 0;
 };
 
-struct Result { int status = -1; QByteArray out; QStringList errLines; };
+struct Result { int status = -1; QByteArray out; QStringList errLines; qint64 ms = 0; };
 
 Result run(const QString& program, const QStringList& args, const QByteArray& input = {}, int interruptAfterMs = -1)
 {
     QProcess tool;   // killed, if still running, when it goes
+    QElapsedTimer clock;
+    clock.start();
     tool.start(program, args);
     Result result;
     tool.write(input);
@@ -60,6 +65,7 @@ Result run(const QString& program, const QStringList& args, const QByteArray& in
         ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
     if (!tool.waitForFinished(30000))
         return result;
+    result.ms = clock.elapsed();
     result.status = tool.exitStatus() == QProcess::NormalExit ? tool.exitCode() : -1;
     result.out = tool.readAllStandardOutput();
     result.errLines = QString::fromLocal8Bit(tool.readAllStandardError()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
@@ -114,6 +120,7 @@ protected:
 
             const std::string stderrText = r.errLines.join(QLatin1Char('\n')).toStdString();
             EXPECT_EQ(r.status, c.status) << stderrText;
+            EXPECT_GE(r.ms, c.minMs) << "ms: the run ended before its audio could have played";
             EXPECT_TRUE(r.errLines.value(r.errLines.size() - 1).contains(c.text) || r.out.contains(c.text.toUtf8()))
                 << stderrText << r.out.toStdString();
             EXPECT_TRUE(c.status == 0 || r.errLines.size() == 1) << stderrText;
@@ -160,7 +167,7 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
 
         // play: the bytes reach the device unchanged
         {"play_pcm", {"play", "-D", "file:FILE={out},FORMAT=raw", "{in}"}, 0, {}, in},
-        {"play_sound_server", {"play", "-D", "{snd}", "{in}"}, 0, "played 9600 frames (0.200 s)"},
+        {"play_sound_server", {"play", "-D", "{snd}", "{in}"}, 0, "played 9600 frames (0.200 s)", {}, {}, {}, {}, -1, 190},
         {"play_stdin_to_file", {"play", "-o", "{out}", "-"}, 0, {}, in, {}, in},
         {"play_tone", {"play", "--tone", "1000", "-d", "0.01", "-o", "{out}"}, 0, "played 480 frames (0.010 s)"},
 

@@ -56,17 +56,13 @@ struct state {
 
 static int elem_count(snd_ctl_ext_t *ext) { return S(ext)->count; }
 
-static void fill_id(struct state *s, unsigned int k, snd_ctl_elem_id_t *id)
+// Also names the element of an event (run_command).
+static int elem_list(snd_ctl_ext_t *ext, unsigned int k, snd_ctl_elem_id_t *id)
 {
 	snd_ctl_elem_id_set_interface(id, SND_CTL_ELEM_IFACE_MIXER);
-	snd_ctl_elem_id_set_name(id, s->ctls[k].name);
+	snd_ctl_elem_id_set_name(id, C(ext, k)->name);
 	snd_ctl_elem_id_set_numid(id, k + 1);
-}
-
-static int elem_list(snd_ctl_ext_t *ext, unsigned int offset, snd_ctl_elem_id_t *id)
-{
-	fill_id(S(ext), offset, id); // ALSA asks below elem_count() only
-	return 0;
+	return 0; // ALSA asks below elem_count() only
 }
 
 static snd_ctl_ext_key_t lookup(struct state *s, const char *name)
@@ -183,7 +179,7 @@ static int run_command(struct state *s, char *line, snd_ctl_elem_id_t *id, unsig
 	if (set)
 		s->ctls[key].value[0] = s->ctls[key].value[1] = v;
 	*mask = set ? SND_CTL_EVENT_MASK_VALUE : SND_CTL_EVENT_MASK_INFO;
-	fill_id(s, key, id);
+	elem_list(&s->ext, key, id);
 	return 1;
 }
 
