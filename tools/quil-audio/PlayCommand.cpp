@@ -32,6 +32,8 @@ const char* const Usage = "Plays FILE, stdin (\"-\", the default) or a generated
 
 // Frames per write for a file, which has no period.
 constexpr int FileBlockFrames = 1024;
+// 16 MiB: far below QByteArray's 2 GiB; larger reads gain nothing.
+constexpr int MaxBlockBytes = 1 << 24;
 // How long a drain may take beyond the buffer's own length before we give up.
 constexpr unsigned int DrainSlackS = 5;
 
@@ -212,10 +214,14 @@ private:
         }
         if (!m_alsa)
             return ExitOk;
-        m_blockFrames = m_alsa->periodSize() > 0 ? static_cast<int>(m_alsa->periodSize()) : FileBlockFrames;
+        // Blocks and reads stay within MaxBlockBytes, whatever period and buffer ALSA grants.
+        const int deviceFrameBytes = m_device->bytesPerSample() * m_device->channelCount();
+        const int maxFrames = MaxBlockBytes / std::max({1, m_inputFile.frameBytes(), deviceFrameBytes});
+        m_blockFrames = static_cast<int>(std::clamp<snd_pcm_uframes_t>(m_alsa->periodSize(), 1, maxFrames));
         // A pipe's writer may fill a period in time, but not a buffer.
         if (m_inputFile.isSeekable())
-            m_readAheadPeriods = std::max(1, static_cast<int>(m_alsa->bufferSize()) / m_blockFrames);
+            m_readAheadPeriods = static_cast<int>(
+                std::clamp<snd_pcm_uframes_t>(m_alsa->bufferSize() / m_blockFrames, 1, maxFrames / m_blockFrames));
         if (static_cast<unsigned int>(m_alsa->sampleRate()) != m_stream.rate
             || static_cast<unsigned int>(m_alsa->channelCount()) != m_stream.channels) {
             printLine(QStringLiteral("quil-audio play: '%1' runs at %2 Hz with %3 channels (asked for %4 Hz, %5)")
