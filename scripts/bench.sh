@@ -3,7 +3,7 @@
 # several times, printing the median of each figure as a table. Means,
 # medians and deviations go to build/bench/results.json (bench/plot-ring.sh
 # draws the ring figure from it). Takes about three minutes, of which the
-# memory run is one; run it on an otherwise idle machine. On a fresh Debian 12
+# memory run is one; run it on an otherwise idle machine. On a fresh Debian 12 or 13
 # machine run as root, it first installs the Debian packages it needs.
 # Usage: scripts/bench.sh [benchmark flags, e.g. --benchmark_filter=Distribution]
 # QUIL_BENCH_REPETITIONS sets the repetitions (default 5).

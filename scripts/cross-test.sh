@@ -6,7 +6,7 @@
 # The target's development packages are unpacked into a sysroot under
 # /var/cache/quil-audio (scripts/lib/sysroot.sh; QUIL_SYSROOT_DIR to put it
 # elsewhere), made on the first run.
-# On a fresh Debian 12 machine run as root, it first installs the Debian
+# On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
 # packages it needs.
 # Usage: scripts/cross-test.sh arm64|armhf
 set -euo pipefail

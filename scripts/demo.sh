@@ -3,7 +3,7 @@
 # plays a tone, records it back with a pre-roll, turns the master volume down
 # while the mixer watch reports the change, and sums up what was measured.
 #
-# On a fresh Debian 12 machine run as root, it first installs the Debian
+# On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
 # packages it needs; then it builds into build/demo. Without a sound card it
 # runs on a private PulseAudio null sink that it starts and stops itself
 # (its monitor is what gets recorded); with a card it uses the card's default
@@ -32,6 +32,7 @@ source scripts/lib/soundserver.sh
 server_packages=("${QUIL_SOUND_SERVER_PACKAGES[@]}")
 [ "$server" = pipewire ] && server_packages+=("${QUIL_PIPEWIRE_PACKAGES[@]}")
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${server_packages[@]}"
+[ "$server" = pipewire ] && fetch_pipewire_alsa
 
 build=build/demo
 echo "== Building libquil_audio and quil-audio into $build"
@@ -106,8 +107,7 @@ if [ -z "$server" ] && has_sound_card; then
 else
     server=${server:-pulseaudio}
     echo "== Starting a private $server server with a null sink"
-    # Its ALSA plugins are unpacked once, next to the build.
-    QUIL_PIPEWIRE_ALSA_DIR=$PWD/$build/pipewire-alsa start_private_sound_server "$work" demosink "$rate" "$server" || exit 1
+    start_private_sound_server "$work" demosink "$rate" "$server" || exit 1
     background+=("${sound_server_pids[@]}")
     if [ "$server" = pipewire ]; then
         export ALSA_CONFIG_PATH=/usr/share/alsa/alsa.conf:$work/alsa.conf

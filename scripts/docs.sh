@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the API reference (Doxygen over the public headers, README.md as its
 # main page) into build/docs/html; a public member without documentation fails it.
-# On a fresh Debian 12 machine run as root, it first installs the Debian
+# On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
 # packages it needs.
 # Usage: scripts/docs.sh
 set -euo pipefail

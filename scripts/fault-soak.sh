@@ -17,6 +17,11 @@ shift $(($# > 2 ? 2 : $#))
 runs=("$@")
 [ ${#runs[@]} -gt 0 ] || runs=(pulseaudio pipewire_pulse pipewire)
 
+# shellcheck source=scripts/lib/packages.sh
+source scripts/lib/packages.sh
+install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}"
+fetch_pipewire_alsa
+
 cmake -S . -B build/test -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/test -j2 --target quil-soak >/dev/null
 soak=$PWD/build/test/bench/quil-soak

@@ -2,7 +2,7 @@
 # Builds the Debian packages libquil-audio<N>, libquil-audio-dev and quil-audio
 # with CPack from a Release build installed under /usr, with Debian's
 # hardening flags, into OUTPUT_DIR (default build/packages).
-# On a fresh Debian 12 machine run as root, it first installs the Debian
+# On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
 # packages it needs.
 # Usage: scripts/package.sh [OUTPUT_DIR [BUILD_DIR]]   (BUILD_DIR default build/package)
 set -euo pipefail

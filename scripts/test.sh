@@ -5,8 +5,9 @@
 # and the threaded suites under ThreadSanitizer. Last, the whole suite cross-built
 # for armhf runs under qemu-user (scripts/cross-test.sh). Any
 # failure or sanitizer report fails the run.
-# On a fresh Debian 12 machine run as root, it first installs the Debian
-# packages it needs.
+# On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
+# packages it needs and unpacks ALSA's PipeWire plugins: every download is
+# made there, before the first test, so that the tests run without a network.
 # Usage: scripts/test.sh [--quick]   (--quick: the plain build only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -27,6 +28,7 @@ run_suite() {
 
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}" \
     "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}" "${QUIL_LINT_PACKAGES[@]}"
+fetch_pipewire_alsa
 echo "== packages: $SECONDS s"
 
 run_suite test "" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON

@@ -21,8 +21,12 @@ QUIL_CROSS_PACKAGES=(qemu-user-static debian-archive-keyring)
 # A private sound server in place of a sound card, and ALSA's PCM and mixer for it.
 QUIL_SOUND_SERVER_PACKAGES=(alsa-utils libasound2-plugins pulseaudio pulseaudio-utils)
 # The same on PipeWire. Its ALSA plugins (pipewire-alsa) conflict with
-# pulseaudio: soundserver.sh unpacks them instead.
+# pulseaudio: fetch_pipewire_alsa unpacks them instead.
 QUIL_PIPEWIRE_PACKAGES=(pipewire pipewire-pulse wireplumber)
+# Where fetch_pipewire_alsa unpacks them, for scripts/lib/soundserver.sh.
+QUIL_PIPEWIRE_ALSA_DIR=${QUIL_PIPEWIRE_ALSA_DIR:-/var/cache/quil-audio/pipewire-alsa}
+# A Debian 13 root for scripts/distro-test.sh, and the clone it tests.
+QUIL_DISTRO_PACKAGES=(debootstrap debian-archive-keyring git)
 
 # install_missing_packages PACKAGE...
 # Installs the packages that are not installed yet. As another user than root
@@ -43,4 +47,31 @@ install_missing_packages() {
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# fetch_pipewire_alsa: unpacks the pipewire-alsa package of the installed
+# PipeWire's version into QUIL_PIPEWIRE_ALSA_DIR, unless it is there already.
+# Set-up does this, never a test: the tests run without a network.
+fetch_pipewire_alsa() {
+    local dest=$QUIL_PIPEWIRE_ALSA_DIR version work
+    version=$(dpkg-query -W -f='${Version}' pipewire) || return 1
+    [ "$(cat "$dest/.version" 2>/dev/null)" = "$version" ] && return 0
+    if [ "$(id -u)" -ne 0 ] && ! mkdir -p "$dest" 2>/dev/null; then
+        echo "Cannot unpack pipewire-alsa into $dest: run this as root once, or set QUIL_PIPEWIRE_ALSA_DIR" >&2
+        exit 1
+    fi
+    echo "Unpacking pipewire-alsa $version into $dest"
+    work=$(mktemp -d)
+    # The installed version where the archive still has it; otherwise, after
+    # one update of the package lists, the archive's own.
+    if ! (cd "$work" && apt-get download -qq "pipewire-alsa=$version" 2>/dev/null); then
+        [ "$(id -u)" -eq 0 ] && apt-get update -qq
+        (cd "$work" && { apt-get download -qq "pipewire-alsa=$version" 2>/dev/null \
+            || apt-get download -qq pipewire-alsa; }) || { rm -rf "$work"; return 1; }
+    fi
+    rm -rf "$dest" && mkdir -p "$dest" && dpkg-deb -x "$work"/pipewire-alsa_*.deb "$dest" \
+        && echo "$version" >"$dest/.version"
+    local status=$?
+    rm -rf "$work"
+    return $status
 }

@@ -14,6 +14,9 @@
 # starts one for the calling script, which stops the processes listed in
 # sound_server_pids.
 
+# shellcheck source=scripts/lib/packages.sh
+source "$(dirname "${BASH_SOURCE[0]}")/packages.sh"
+
 sound_server_pids=()
 
 # start_private_sound_server DIR SINK RATE [SERVER]
@@ -63,7 +66,7 @@ start_private_pipewire() {
 alsa_monitor.properties["alsa.reserve"] = false
 default_access.properties["enable-flatpak-portal"] = false
 EOF_WP
-    unpack_pipewire_alsa "${QUIL_PIPEWIRE_ALSA_DIR:-$dir/pipewire-alsa}" "$dir/alsa.conf" "$dir/run/pipewire-0" || return 1
+    pipewire_alsa_conf "$QUIL_PIPEWIRE_ALSA_DIR" "$dir/alsa.conf" "$dir/run/pipewire-0" || return 1
     export PULSE_SERVER=unix:$dir/run/pulse/native PIPEWIRE_REMOTE=$dir/run/pipewire-0
     # A cross build's tests name the target's modules, which are not the server's.
     unset PIPEWIRE_RUNTIME_DIR PIPEWIRE_MODULE_DIR
@@ -86,25 +89,18 @@ sound_server_set_defaults() {
         grep -qx "Default Sink: $1" <<<"$info" && grep -qx "Default Source: $1.monitor" <<<"$info"
 }
 
-# unpack_pipewire_alsa DEST CONF SOCKET: ALSA's pipewire PCM and ctl plugins.
-# Their package conflicts with pulseaudio, so its files are unpacked into DEST
-# (once, under a lock) and CONF names them, reaching the server at SOCKET.
-# A cross build's tests load the target's, which QUIL_PIPEWIRE_ALSA_DIR and
-# QUIL_PIPEWIRE_ALSA_MULTIARCH name (scripts/lib/sysroot.sh unpacked them).
-unpack_pipewire_alsa() {
+# pipewire_alsa_conf DIR CONF SOCKET: ALSA's pipewire PCM and ctl plugins,
+# which set-up unpacked into DIR (fetch_pipewire_alsa in packages.sh), named
+# in CONF and reaching the server at SOCKET. A cross build's tests load the
+# target's, which QUIL_PIPEWIRE_ALSA_DIR and QUIL_PIPEWIRE_ALSA_MULTIARCH name
+# (scripts/lib/sysroot.sh unpacked them).
+pipewire_alsa_conf() {
     local dest=$1 conf=$2 socket=$3 libdir
     libdir=usr/lib/${QUIL_PIPEWIRE_ALSA_MULTIARCH:-$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch)}/alsa-lib
-    mkdir -p "$dest"
-    (
-        flock 9
-        [ -f "$dest/$libdir/libasound_module_pcm_pipewire.so" ] && exit 0
-        cd "$dest" || exit 1
-        if ! apt-get download pipewire-alsa >/dev/null 2>&1; then
-            [ "$(id -u)" -eq 0 ] && apt-get update -qq
-            apt-get download pipewire-alsa >/dev/null || exit 1
-        fi
-        dpkg-deb -x pipewire-alsa_*.deb . && rm -f pipewire-alsa_*.deb
-    ) 9>"$dest.lock" || { echo "cannot unpack pipewire-alsa into $dest" >&2; return 1; }
+    if [ ! -f "$dest/$libdir/libasound_module_pcm_pipewire.so" ]; then
+        echo "ALSA's pipewire plugins are not in $dest: the set-up of scripts/test.sh (as root) unpacks them" >&2
+        return 1
+    fi
     cat >"$conf" <<EOF_CONF
 pcm_type.pipewire { lib "$dest/$libdir/libasound_module_pcm_pipewire.so" }
 ctl_type.pipewire { lib "$dest/$libdir/libasound_module_ctl_pipewire.so" }

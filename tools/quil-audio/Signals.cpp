@@ -42,7 +42,7 @@ void onWatchdog(int)
 
 void setHandler(int signal, void (*handler)(int))
 {
-    struct sigaction action {};
+    struct sigaction action = {};
     action.sa_handler = handler;
     sigemptyset(&action.sa_mask);
     // No SA_RESTART: blocking calls return on Ctrl-C.
