@@ -35,7 +35,7 @@ install_missing_packages "${QUIL_DISTRO_PACKAGES[@]}"
 # The mirror the build machine's own apt reaches is the one known to work here.
 host_mirror() {
     grep -hoE 'https?://[^ ]+/debian/?( |$)' /etc/apt/sources.list /etc/apt/sources.list.d/*.list \
-        /etc/apt/sources.list.d/*.sources 2>/dev/null | head -n 1 | tr -d ' '
+        /etc/apt/sources.list.d/*.sources 2>/dev/null | head -n 1 | tr -d ' ' || true
 }
 mirror=${QUIL_DEBIAN_MIRROR:-$(host_mirror)}
 mirror=${mirror:-http://deb.debian.org/debian}
