@@ -4,9 +4,13 @@
 #   libquil-audio-dev     development: headers, CMake package, pkg-config file,
 #                         the API reference, the README and the examples
 #   quil-audio            tool: quil-audio and its manual page
+# A Qt 6 build makes libquil-audio-qt6-<major> and libquil-audio-qt6-dev, which
+# install beside the Qt 5 ones, and no tool package (tools/CMakeLists.txt).
 # Their library dependencies are found by dpkg-shlibdeps (Debian dpkg-dev).
-set(QUIL_DEB_RUNTIME libquil-audio${PROJECT_VERSION_MAJOR})
-set(QUIL_DEB_DEVELOPMENT libquil-audio-dev)
+# Debian separates a name that ends in a digit from the SONAME's version.
+string(REGEX REPLACE "([0-9])$" "\\1-" QUIL_DEB_LIBRARY_NAME libquil-audio${QUIL_NAME_SUFFIX})
+set(QUIL_DEB_RUNTIME ${QUIL_DEB_LIBRARY_NAME}${PROJECT_VERSION_MAJOR})
+set(QUIL_DEB_DEVELOPMENT libquil-audio${QUIL_NAME_SUFFIX}-dev)
 set(QUIL_DEB_TOOL quil-audio)
 
 # Debian wants a copyright file and a compressed changelog in every package's
@@ -21,7 +25,12 @@ file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/debian)
 execute_process(COMMAND gzip -9nc ${CMAKE_CURRENT_LIST_DIR}/debian/changelog
                 OUTPUT_FILE ${QUIL_DEB_CHANGELOG_GZ} COMMAND_ERROR_IS_FATAL ANY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/debian/changelog)
-foreach(component runtime development tool)
+if(QUIL_QT_MAJOR_VERSION STREQUAL "5")
+    set(QUIL_DEB_COMPONENTS runtime development tool)
+else()
+    set(QUIL_DEB_COMPONENTS runtime development)
+endif()
+foreach(component ${QUIL_DEB_COMPONENTS})
     string(TOUPPER ${component} upper)
     install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${QUIL_DEB_CHANGELOG_GZ}
             DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${QUIL_DEB_${upper}}
@@ -29,7 +38,7 @@ foreach(component runtime development tool)
 endforeach()
 
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME quil-audio)
+set(CPACK_PACKAGE_NAME quil-audio${QUIL_NAME_SUFFIX})
 set(CPACK_PACKAGE_VENDOR "libquil_audio developers")
 set(CPACK_PACKAGE_CONTACT "libquil_audio developers <devel@quil-audio.example.org>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -37,7 +46,7 @@ set(CPACK_STRIP_FILES ON)
 # Each component describes itself; a shared summary would head every one.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development tool)
+set(CPACK_COMPONENTS_ALL ${QUIL_DEB_COMPONENTS})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -60,7 +69,7 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 libquil_audio gives a device's programs one object model for audio on ALSA:
 capture from a PCM or a paced raw file, distribution of the stream to live
 and time-shifted consumers, playback with negotiated parameters and xrun
-recovery, and simple-mixer control with change signals, built on Qt 5 Core
+recovery, and simple-mixer control with change signals, built on Qt ${QUIL_QT_MAJOR_VERSION} Core
 and log4cplus.
 .
 This package holds the shared libraries libquil_audio and libquil_api.")
@@ -70,15 +79,18 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 # The public headers include Qt's and ALSA's; the CMake package and the
 # pkg-config file name both.
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev (>= 5.15), libasound2-dev")
+set(QUIL_DEB_QT_DEV_5 "qtbase5-dev (>= 5.15)")
+set(QUIL_DEB_QT_DEV_6 "qt6-base-dev (>= 6.4)")
+set(QUIL_DEB_QT_DEV ${QUIL_DEB_QT_DEV_${QUIL_QT_MAJOR_VERSION}})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${QUIL_DEB_QT_DEV}, libasound2-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "ALSA capture, playback and mixer control for embedded Linux - development
 libquil_audio gives a device's programs one object model for audio on ALSA:
 capture, distribution to live and time-shifted consumers, playback and
-simple-mixer control, built on Qt 5 Core and log4cplus.
+simple-mixer control, built on Qt ${QUIL_QT_MAJOR_VERSION} Core and log4cplus.
 .
-This package holds the headers, the CMake package (find_package(QuilAudio)),
-the pkg-config file (quil_audio), the API reference in HTML, and example
+This package holds the headers, the CMake package (find_package(${QUIL_AUDIO_PACKAGE})),
+the pkg-config file (quil_audio${QUIL_NAME_SUFFIX}), the API reference in HTML, and example
 programs, one task each.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME ${QUIL_DEB_TOOL})

@@ -4,6 +4,8 @@
 
 # Building the library and its tool.
 QUIL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config qtbase5-dev libasound2-dev liblog4cplus-dev libsndfile1-dev help2man)
+# A Qt 6 build (-DQUIL_QT_MAJOR_VERSION=6) needs Qt 6 besides.
+QUIL_QT6_PACKAGES=(qt6-base-dev)
 # The API reference (scripts/docs.sh; built by default when Doxygen is there, and for the packages).
 QUIL_DOCS_PACKAGES=(doxygen graphviz)
 # The test suite: GoogleTest and Google Benchmark, sox to read back the files the tool

@@ -6,9 +6,11 @@
 # Usage: example_clients.sh PREFIX SOURCE_DIR WORK_DIR
 set -euo pipefail
 prefix=$1 source=$2 work=$3
-libdir=$(dirname "$(find "$prefix" -name libquil_audio.so -print -quit)")
+# A Qt 6 build's files carry its suffix (QUIL_NAME_SUFFIX, QUIL_AUDIO_PACKAGE).
+suffix=${QUIL_NAME_SUFFIX:-}
+libdir=$(dirname "$(find "$prefix" -name "libquil_audio$suffix.so" -print -quit)")
 test -n "$libdir"
-examples=$prefix/share/doc/libquil-audio-dev/examples
+examples=$prefix/share/doc/libquil-audio$suffix-dev/examples
 test -f "$examples/CMakeLists.txt"
 
 # A cross build (QUIL_CROSS_TOOLCHAIN) builds the clients as a device build
@@ -32,7 +34,8 @@ if [ -n "${QUIL_CROSS_TOOLCHAIN:-}" ]; then
 fi
 
 echo "== CMake package"
-cmake -S "$examples" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" "${cross[@]}" >/dev/null
+cmake -S "$examples" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DQUIL_AUDIO_PACKAGE="${QUIL_AUDIO_PACKAGE:-QuilAudio}" "${cross[@]}" >/dev/null
 cmake --build "$work/cmake" -j2 >/dev/null
 "${emulator[@]}" "$work/cmake/quil_audio_example"
 
@@ -40,7 +43,7 @@ echo "== pkg-config"
 # Qt is built with -reduce-relocations: its clients need -fPIC.
 # shellcheck disable=SC2046 # the flags are meant to split
 "${cxx[@]}" -std=c++17 -fPIC -o "$work/pc_example" "$examples/quil_audio_example.cpp" \
-    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quil_audio log4cplus) -Wl,-rpath,"$libdir"
+    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs "quil_audio$suffix" log4cplus) -Wl,-rpath,"$libdir"
 "${emulator[@]}" "$work/pc_example"
 
 echo "== examples on a private sound server"

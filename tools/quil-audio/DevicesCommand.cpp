@@ -69,7 +69,7 @@ int runDevicesCommand(const QStringList& arguments)
                            QString::fromLocal8Bit(snd_strerror(code)));
     int width = 0;
     for (const AlsaDevices::Pcm& pcm : found)
-        width = std::max(width, pcm.name.size());
+        width = static_cast<int>(std::max<qsizetype>(width, pcm.name.size())); // size(): int on Qt 5, qsizetype on 6
     // Each section is built twice over, as JSON and as text lines, from the same values.
     QJsonArray pcms, cards, mixers;
     QStringList pcmLines, cardLines, mixerLines;

@@ -287,7 +287,9 @@ private:
                 return refuse(error, m_inputFile.errorString());
             m_readOffset = 0;
         }
-        const int bytes = std::min(frames * m_inputFile.frameBytes(), m_readAhead.size() - m_readOffset);
+        // size() is int on Qt 5 and qsizetype on Qt 6; both sides stay under the read cap.
+        const int bytes = static_cast<int>(
+            std::min(qsizetype(frames) * m_inputFile.frameBytes(), qsizetype(m_readAhead.size() - m_readOffset)));
         *block = matchDeviceChannels(QByteArray::fromRawData(m_readAhead.constData() + m_readOffset, bytes));
         m_readOffset += bytes;
         return true;

@@ -4,6 +4,7 @@
 
 #include <alsa/asoundlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -98,7 +99,8 @@ inline qint64 saturatedProduct(qint64 a, qint64 b)
 // than wrapped around to something small or of the other sign.
 inline int clampedToInt(qint64 value)
 {
-    return static_cast<int>(qBound<qint64>(std::numeric_limits<int>::min(), value, std::numeric_limits<int>::max()));
+    return static_cast<int>(
+        std::clamp<qint64>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 // The largest block a device hands out: one QByteArray holds up to 2^31 - 1
