@@ -4,16 +4,17 @@
 # offset, base or virtual slot, a removed symbol); added functions pass. Only
 # types of the public headers count.
 #
-# The baseline is the library of the revision in abi/baseline.rev. Compilers
+# The baseline is the library of the revision in abi/baseline.rev (for the Qt 5
+# build; abi/baseline-qt6.rev for the Qt 6 build's libquil_audio-qt6). Compilers
 # and libabigail versions describe the same binary differently (GCC 14 with
 # libabigail 2.6 leaves out the artificial parameter GCC 12 with 2.2 gives
 # every destructor), so a description is only compared with one made by the
-# same toolchain: abi/libquil_audio.TOOLCHAIN.abi, where TOOLCHAIN names the
+# same toolchain: abi/LIBRARY.TOOLCHAIN.abi, where TOOLCHAIN names the
 # compiler's and libabigail's versions (docs/abi.md). For a toolchain without
 # a stored description, the baseline revision is built and described at check
 # time, which needs a git clone.
-# Usage: scripts/abi-check.sh BUILD_DIR          check BUILD_DIR's library
-#        scripts/abi-check.sh --write-baseline   store this toolchain's description
+# Usage: scripts/abi-check.sh BUILD_DIR                     check BUILD_DIR's library
+#        scripts/abi-check.sh --write-baseline [5|6]   store this toolchain's description
 # The build must carry debug information (RelWithDebInfo or Debug).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -42,7 +43,7 @@ describe() {
 # toolchain (the library alone) and describes it.
 describe_baseline() {
     local out=$1 revision tree=$work/baseline
-    revision=$(cat abi/baseline.rev)
+    revision=$(cat "abi/baseline$suffix.rev")
     if ! git cat-file -e "$revision^{commit}" 2>/dev/null; then
         echo "ABI check: no description of the baseline by $(toolchain_name) in abi/, and no git clone holding" \
              "the baseline revision $revision to build one from (docs/abi.md)" >&2
@@ -51,21 +52,33 @@ describe_baseline() {
     echo "ABI check: building the baseline revision ${revision:0:7} with $(toolchain_name)"
     mkdir "$tree"
     git archive "$revision" | tar -x -C "$tree"
-    cmake --no-warn-unused-cli -S "$tree" -B "$tree/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUIL_AUDIO_BUILD_TESTS=OFF \
-        -DQUIL_AUDIO_BUILD_DOCS=OFF >/dev/null
+    cmake --no-warn-unused-cli -S "$tree" -B "$tree/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DQUIL_AUDIO_BUILD_TESTS=OFF -DQUIL_AUDIO_BUILD_DOCS=OFF -DQUIL_QT_MAJOR_VERSION="$qt" >/dev/null
     cmake --build "$tree/build" --target quil_audio >/dev/null
-    describe "$tree" "$tree/build/src/lib/libquil_audio.so" "$out"
+    describe "$tree" "$tree/build/src/lib/$library.so" "$out"
 }
 
-baseline=abi/libquil_audio.$(toolchain_name).abi
+# The Qt of the library: a Qt 6 build's names carry -qt6.
+if [ "${1:-}" = "--write-baseline" ]; then
+    qt=${2:-5}
+else
+    build=${1:?usage: $0 BUILD_DIR | --write-baseline [5|6]}
+    qt=$(sed -n 's/^QUIL_QT_MAJOR_VERSION:[A-Z]*=//p' "$build/CMakeCache.txt")
+fi
+case $qt in
+5) suffix= ;;
+6) suffix=-qt6 ;;
+*) echo "ABI check: Qt '$qt'? 5 or 6" >&2; exit 2 ;;
+esac
+library=libquil_audio$suffix
+baseline=abi/$library.$(toolchain_name).abi
 if [ "${1:-}" = "--write-baseline" ]; then
     describe_baseline "$source_dir/$baseline"
     echo "ABI baseline of $(toolchain_name) written to $baseline"
     exit 0
 fi
-build=${1:?usage: $0 BUILD_DIR | --write-baseline}
 
-describe . "$build/src/lib/libquil_audio.so" "$work/current.abi"
+describe . "$build/src/lib/$library.so" "$work/current.abi"
 if [ ! -f "$baseline" ]; then
     baseline=$work/baseline.abi
     describe_baseline "$baseline"
@@ -74,6 +87,6 @@ if abidiff --no-added-syms "$baseline" "$work/current.abi" >"$work/report.txt"; 
     echo "ABI check: no change against $baseline ($(toolchain_name))"
 else
     cat "$work/report.txt"
-    echo "ABI check: libquil_audio.so breaks programs built against the baseline $baseline (see docs/abi.md)" >&2
+    echo "ABI check: $library.so breaks programs built against the baseline $baseline (see docs/abi.md)" >&2
     exit 1
 fi

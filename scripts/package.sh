@@ -15,10 +15,7 @@ build=${2:-build/package}
 # shellcheck source=scripts/lib/packages.sh
 source scripts/lib/packages.sh
 qt=${QUIL_QT_MAJOR_VERSION:-5}
-qt_packages=()
-[ "$qt" = 6 ] && qt_packages=("${QUIL_QT6_PACKAGES[@]}")
-install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}" \
-    "${qt_packages[@]}"
+install_build_packages "$qt" "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}"
 
 # CMake reads no CPPFLAGS: the fortify level goes in with the compiler flags.
 CFLAGS="$(dpkg-buildflags --get CFLAGS) $(dpkg-buildflags --get CPPFLAGS)"

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Builds libquil_audio and runs its whole test suite three times: a plain
-# build (followed by the ABI check and clang-format/clang-tidy), the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
-# (leak detection on; the Debian packages are built by the plain run only),
-# and the threaded suites under ThreadSanitizer. Last, the whole suite cross-built
-# for armhf runs under qemu-user (scripts/cross-test.sh). Any
-# failure or sanitizer report fails the run.
+# Builds libquil_audio and runs its whole test suite: a plain build on Qt 5
+# (followed by the ABI check and clang-format/clang-tidy) and one on Qt 6
+# (followed by its ABI check), the whole suite on each under AddressSanitizer +
+# UndefinedBehaviorSanitizer (leak detection on; the Debian packages are built
+# by the plain runs only), and the threaded suites under ThreadSanitizer. Last,
+# the whole suite cross-built for armhf runs under qemu-user
+# (scripts/cross-test.sh). Any failure or sanitizer report fails the run.
 # On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
 # packages it needs and unpacks ALSA's PipeWire plugins: every download is
 # made there, before the first test, so that the tests run without a network.
-# Usage: scripts/test.sh [--quick]   (--quick: the plain build only)
+# Usage: scripts/test.sh [--quick]   (--quick: the plain builds only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,7 +28,8 @@ run_suite() {
 }
 
 install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${QUIL_SOUND_SERVER_PACKAGES[@]}" "${QUIL_PIPEWIRE_PACKAGES[@]}" \
-    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}" "${QUIL_LINT_PACKAGES[@]}"
+    "${QUIL_PACKAGING_PACKAGES[@]}" "${QUIL_TEST_PACKAGES[@]}" "${QUIL_DOCS_PACKAGES[@]}" "${QUIL_LINT_PACKAGES[@]}" \
+    "${QUIL_QT6_PACKAGES[@]}"
 fetch_pipewire_alsa
 echo "== packages: $SECONDS s"
 
@@ -38,12 +40,18 @@ scripts/abi-check.sh build/test
 lint_start=$SECONDS
 scripts/lint.sh build/test
 echo "== lint: $((SECONDS - lint_start)) s"
+# The same source on Qt 6, with its own ABI baseline.
+run_suite test-qt6 "" -DQUIL_QT_MAJOR_VERSION=6
+scripts/abi-check.sh build/test-qt6
 [ "${1:-}" = "--quick" ] && exit 0
 
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
-UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0 \
-    run_suite asan "-LE package" -DQUIL_AUDIO_SANITIZE=address,undefined
+for qt in 5 6; do
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0 \
+        run_suite "asan$([ $qt = 6 ] && echo -qt6)" "-LE package" -DQUIL_AUDIO_SANITIZE=address,undefined \
+            -DQUIL_QT_MAJOR_VERSION=$qt
+done
 
 # ignore_noninstrumented_modules: memory that QtCore and GLib handle in their
 # own code (the posted-event queue, event objects) is ordered by their own

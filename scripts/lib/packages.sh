@@ -51,6 +51,15 @@ install_missing_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+# install_build_packages QT PACKAGE...: QUIL_BUILD_PACKAGES, Qt 6 as well
+# when QT is 6, and the packages named.
+install_build_packages() {
+    local qt=$1 qt_packages=()
+    shift
+    [ "$qt" = 6 ] && qt_packages=("${QUIL_QT6_PACKAGES[@]}")
+    install_missing_packages "${QUIL_BUILD_PACKAGES[@]}" "${qt_packages[@]}" "$@"
+}
+
 # fetch_pipewire_alsa: unpacks the pipewire-alsa package of the installed
 # PipeWire's version into QUIL_PIPEWIRE_ALSA_DIR, unless it is there already.
 # Set-up does this, never a test: the tests run without a network.

@@ -35,9 +35,10 @@ bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, cons
         type == Qt::QueuedConnection || (type == Qt::AutoConnection && sender->thread() != receiver->thread());
     if (!crossesThreads)
         return true;
-    const QList<QByteArray> typeNames = QMetaMethod::fromSignal(signal).parameterTypes();
-    for (const QByteArray& typeName : typeNames) {
-        if (!typeName.endsWith('*') && QMetaType::type(typeName.constData()) == QMetaType::UnknownType)
+    const QMetaMethod method = QMetaMethod::fromSignal(signal);
+    for (int index = 0; index < method.parameterCount(); ++index) {
+        // Qt 5 knows a type once it is registered; Qt 6 registers (and can queue) every type moc saw complete.
+        if (!method.parameterTypes().at(index).endsWith('*') && method.parameterType(index) == QMetaType::UnknownType)
             return false;
     }
     return true;

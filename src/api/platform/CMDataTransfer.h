@@ -53,6 +53,7 @@ protected:
 };
 
 /// The same key for every handle of one transfer, distinct for distinct transfers.
+/// (Qt 6's own qHash returns size_t; its QHash takes this one-argument form too.)
 unsigned int qHash(const CMDataTransfer& transfer);
 
 /// A transfer that keeps, in order, the blocks arriving while no handler is
