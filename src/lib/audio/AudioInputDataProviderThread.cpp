@@ -273,12 +273,12 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
 
 // The registered feeds that get the block now, in the registry's order; held
 // feeds keep it back instead. m_mutex must be held. A vector rather than the
-// list values() gives: a list would allocate every handle on its own, so each
-// feed would cost an allocation per block.
+// list values() gives: a Qt 5 list would allocate every handle on its own, so
+// each feed would cost an allocation per block. One pass over the registry:
+// Qt 6 walks a hash's buckets, not its entries, and a two-iterator constructor
+// would walk them twice.
 QVector<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const QByteArray& block)
 {
-    if (m_heldFeeds.isEmpty())
-        return QVector<CMBufferedDataTransfer>(m_transfers.cbegin(), m_transfers.cend());
     QVector<CMBufferedDataTransfer> recipients;
     recipients.reserve(m_transfers.size());
     for (auto it = m_transfers.cbegin(); it != m_transfers.cend(); ++it) {
@@ -295,6 +295,9 @@ QVector<CMBufferedDataTransfer> AudioInputDataProviderThread::recipientsOf(const
 // kept back for them. m_mutex must be held.
 QList<AudioInputDataProviderThread::HeldFeed> AudioInputDataProviderThread::takeReleasedFeeds()
 {
+    // Nearly always none: a non-const walk would detach (allocate) the empty hash every block.
+    if (m_heldFeeds.isEmpty())
+        return {};
     QList<HeldFeed> released;
     for (auto it = m_heldFeeds.begin(); it != m_heldFeeds.end();) {
         if (it->prefillDelivered) {
