@@ -25,10 +25,9 @@ file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/debian)
 execute_process(COMMAND gzip -9nc ${CMAKE_CURRENT_LIST_DIR}/debian/changelog
                 OUTPUT_FILE ${QUIL_DEB_CHANGELOG_GZ} COMMAND_ERROR_IS_FATAL ANY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/debian/changelog)
-if(QUIL_QT_MAJOR_VERSION STREQUAL "5")
-    set(QUIL_DEB_COMPONENTS runtime development tool)
-else()
-    set(QUIL_DEB_COMPONENTS runtime development)
+set(QUIL_DEB_COMPONENTS runtime development)
+if(QUIL_INSTALL_TOOL)
+    list(APPEND QUIL_DEB_COMPONENTS tool)
 endif()
 foreach(component ${QUIL_DEB_COMPONENTS})
     string(TOUPPER ${component} upper)
@@ -79,10 +78,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 # The public headers include Qt's and ALSA's; the CMake package and the
 # pkg-config file name both.
-set(QUIL_DEB_QT_DEV_5 "qtbase5-dev (>= 5.15)")
-set(QUIL_DEB_QT_DEV_6 "qt6-base-dev (>= 6.4)")
-set(QUIL_DEB_QT_DEV ${QUIL_DEB_QT_DEV_${QUIL_QT_MAJOR_VERSION}})
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${QUIL_DEB_QT_DEV}, libasound2-dev")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${QUIL_QT_DEBIAN_DEV}, libasound2-dev")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "ALSA capture, playback and mixer control for embedded Linux - development
 libquil_audio gives a device's programs one object model for audio on ALSA:

@@ -19,6 +19,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
+# shellcheck source=scripts/lib/packages.sh
+source scripts/lib/packages.sh
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -45,11 +47,11 @@ describe_baseline() {
     local out=$1 revision tree=$work/baseline
     revision=$(cat "abi/baseline$suffix.rev")
     if ! git cat-file -e "$revision^{commit}" 2>/dev/null; then
-        echo "ABI check: no description of the baseline by $(toolchain_name) in abi/, and no git clone holding" \
+        echo "ABI check: no description of the baseline by $toolchain in abi/, and no git clone holding" \
              "the baseline revision $revision to build one from (docs/abi.md)" >&2
         exit 1
     fi
-    echo "ABI check: building the baseline revision ${revision:0:7} with $(toolchain_name)"
+    echo "ABI check: building the baseline revision ${revision:0:7} with $toolchain"
     mkdir "$tree"
     git archive "$revision" | tar -x -C "$tree"
     cmake --no-warn-unused-cli -S "$tree" -B "$tree/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -65,16 +67,13 @@ else
     build=${1:?usage: $0 BUILD_DIR | --write-baseline [5|6]}
     qt=$(sed -n 's/^QUIL_QT_MAJOR_VERSION:[A-Z]*=//p' "$build/CMakeCache.txt")
 fi
-case $qt in
-5) suffix= ;;
-6) suffix=-qt6 ;;
-*) echo "ABI check: Qt '$qt'? 5 or 6" >&2; exit 2 ;;
-esac
+suffix=$(qt_name_suffix "$qt") || exit 2
 library=libquil_audio$suffix
-baseline=abi/$library.$(toolchain_name).abi
+toolchain=$(toolchain_name)
+baseline=abi/$library.$toolchain.abi
 if [ "${1:-}" = "--write-baseline" ]; then
     describe_baseline "$source_dir/$baseline"
-    echo "ABI baseline of $(toolchain_name) written to $baseline"
+    echo "ABI baseline of $toolchain written to $baseline"
     exit 0
 fi
 
@@ -84,7 +83,7 @@ if [ ! -f "$baseline" ]; then
     describe_baseline "$baseline"
 fi
 if abidiff --no-added-syms "$baseline" "$work/current.abi" >"$work/report.txt"; then
-    echo "ABI check: no change against $baseline ($(toolchain_name))"
+    echo "ABI check: no change against $baseline ($toolchain)"
 else
     cat "$work/report.txt"
     echo "ABI check: $library.so breaks programs built against the baseline $baseline (see docs/abi.md)" >&2

@@ -17,8 +17,7 @@ source scripts/lib/packages.sh
 qt=${QUIL_QT_MAJOR_VERSION:-5}
 install_build_packages "$qt" libgtest-dev libbenchmark-dev
 
-build=build/bench
-[ "$qt" = 6 ] && build=build/bench-qt6
+build=build/bench$(qt_name_suffix "$qt")
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQUIL_QT_MAJOR_VERSION="$qt" >/dev/null
 cmake --build "$build" --target quil_bench >/dev/null
 

@@ -49,7 +49,7 @@ for qt in 5 6; do
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     LSAN_OPTIONS=suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0 \
-        run_suite "asan$([ $qt = 6 ] && echo -qt6)" "-LE package" -DQUIL_AUDIO_SANITIZE=address,undefined \
+        run_suite "asan$(qt_name_suffix $qt)" "-LE package" -DQUIL_AUDIO_SANITIZE=address,undefined \
             -DQUIL_QT_MAJOR_VERSION=$qt
 done
 

@@ -51,6 +51,15 @@ install_missing_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+# qt_name_suffix QT: what a Qt 6 build's names carry (-qt6); nothing for Qt 5.
+qt_name_suffix() {
+    case $1 in
+    5) ;;
+    6) echo -qt6 ;;
+    *) echo "Qt '$1'? 5 or 6" >&2; return 1 ;;
+    esac
+}
+
 # install_build_packages QT PACKAGE...: QUIL_BUILD_PACKAGES, Qt 6 as well
 # when QT is 6, and the packages named.
 install_build_packages() {

@@ -36,9 +36,10 @@ bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, cons
     if (!crossesThreads)
         return true;
     const QMetaMethod method = QMetaMethod::fromSignal(signal);
-    for (int index = 0; index < method.parameterCount(); ++index) {
+    const QList<QByteArray> typeNames = method.parameterTypes();
+    for (int index = 0; index < typeNames.size(); ++index) {
         // Qt 5 knows a type once it is registered; Qt 6 registers (and can queue) every type moc saw complete.
-        if (!method.parameterTypes().at(index).endsWith('*') && method.parameterType(index) == QMetaType::UnknownType)
+        if (!typeNames.at(index).endsWith('*') && method.parameterType(index) == QMetaType::UnknownType)
             return false;
     }
     return true;
