@@ -16,6 +16,8 @@ QUIL_LINT_PACKAGES=(clang-format clang-tidy)
 # Debian packages of the build: CPack's DEB generator needs dpkg-shlibdeps
 # (dpkg-dev) and file; lintian checks the result, man reads the manual page.
 QUIL_PACKAGING_PACKAGES=(dpkg-dev file lintian man-db)
+# The fuzz targets (scripts/fuzz.sh): clang with libFuzzer and the sanitizer runtimes.
+QUIL_FUZZ_PACKAGES=(clang libclang-rt-dev)
 # Cross builds (scripts/cross-test.sh), besides crossbuild-essential-ARCH: the
 # emulator the target's tests run in. The target's own libraries go to a
 # sysroot, downloaded from Debian's archive with its keyring.
