@@ -44,6 +44,16 @@ unsigned int msForFrames(snd_pcm_uframes_t frames, unsigned int sampleRate)
 
 int64_t nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec; }
 
+// Asks the stream itself: enableTstamp() after its open() leaves it on the wall clock.
+bool stampsOnMonotonicRaw(snd_pcm_t* pcm)
+{
+    snd_pcm_sw_params_t* params = nullptr;
+    snd_pcm_sw_params_alloca(&params);
+    snd_pcm_tstamp_type_t type = SND_PCM_TSTAMP_TYPE_GETTIMEOFDAY;
+    return snd_pcm_sw_params_current(pcm, params) == 0 && snd_pcm_sw_params_get_tstamp_type(params, &type) == 0
+           && type == SND_PCM_TSTAMP_TYPE_MONOTONIC_RAW;
+}
+
 } // namespace
 
 AlsaOutputDevice::AlsaOutputDevice(const QString& deviceName, unsigned int sampleRate, unsigned int channels,
@@ -354,7 +364,7 @@ int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
 // CLOCK_MONOTONIC_RAW, so any other timestamp, a zero one too, gives no age.
 int64_t AlsaOutputDevice::statusAgeUs(int64_t statusNs) const
 {
-    if (!m_tstampEnabled || statusNs == 0)
+    if (!m_tstampEnabled || statusNs == 0 || !stampsOnMonotonicRaw(m_pcm))
         return 0;
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_RAW, &now);
