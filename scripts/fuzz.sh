@@ -35,10 +35,11 @@ targets=("$@")
 
 # fuzz TARGET: one run, its log in build/fuzz/logs/TARGET.log.
 fuzz() {
-    local target=$1
+    local target=$1 dict=()
+    [ -f "tests/fuzz/$target.dict" ] && dict=(-dict="tests/fuzz/$target.dict")
     mkdir -p "$build/corpus/$target" "$build/findings/$target" "$build/logs"
     "$build/tests/fuzz/$target" -max_total_time="$seconds" -timeout=1 -rss_limit_mb=4096 -print_final_stats=1 \
-        -close_fd_mask=3 -artifact_prefix="$build/findings/$target/" \
+        -close_fd_mask=3 -artifact_prefix="$build/findings/$target/" "${dict[@]}" \
         "$build/corpus/$target" "tests/fuzz/corpus/$target" >"$build/logs/$target.log" 2>&1
 }
 export -f fuzz

@@ -13,8 +13,8 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/logger.h>
+#include <sanitizer/common_interface_defs.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 namespace quilfuzz {
@@ -37,11 +37,15 @@ inline QString workFile(const char* name) { return QStringLiteral(QUIL_FUZZ_WORK
 
 } // namespace quilfuzz
 
+#define QUIL_FUZZ_STRING(x) #x
+#define QUIL_FUZZ_LINE(x) QUIL_FUZZ_STRING(x)
 /// A broken invariant: abort, so that libFuzzer keeps the input as a crash.
+/// The text goes through the sanitizer's report, which -close_fd_mask keeps.
 #define FUZZ_CHECK(condition)                                                                                          \
     do {                                                                                                               \
         if (!(condition)) {                                                                                            \
-            std::fprintf(stderr, "FUZZ_CHECK failed: %s (%s:%d)\n", #condition, __FILE__, __LINE__);                \
+            __sanitizer_report_error_summary("FUZZ_CHECK failed: " #condition " at " __FILE__                         \
+                                             ":" QUIL_FUZZ_LINE(__LINE__));                                            \
             std::abort();                                                                                              \
         }                                                                                                              \
     } while (false)

@@ -45,22 +45,35 @@ void printSection(const QString& title, const QStringList& lines)
         printOut(QStringLiteral("  ") + line);
 }
 
-} // namespace
-
-int runDevicesCommand(const QStringList& arguments)
+// The status to end with before any device is read (--help, a usage error), or none.
+std::optional<int> readCommandLine(QCommandLineParser& parser, const QStringList& arguments)
 {
-    QCommandLineParser parser;
     parser.setApplicationDescription(QString::fromLatin1(Usage));
     addOptions(parser,
                {
                    {"json", "Print one JSON object with the arrays \"pcms\", \"cards\" and \"mixers\"."},
                    {"m,mixer", "Also count the elements of this mixer device, such as default (repeatable).", "name"},
                });
-    if (const std::optional<int> status = parseCommandLine(parser, arguments, Command))
+    return parseCommandLine(parser, arguments, Command, [&](QString* error) {
+        return parser.positionalArguments().isEmpty()
+               || refuse(error,
+                         QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()));
+    });
+}
+
+} // namespace
+
+int checkDevicesCommandLine(const QStringList& arguments)
+{
+    QCommandLineParser parser;
+    return readCommandLine(parser, arguments).value_or(ExitOk);
+}
+
+int runDevicesCommand(const QStringList& arguments)
+{
+    QCommandLineParser parser;
+    if (const std::optional<int> status = readCommandLine(parser, arguments))
         return *status;
-    if (!parser.positionalArguments().isEmpty())
-        return fail(Command, QStringLiteral("takes no arguments, not '%1'").arg(parser.positionalArguments().first()),
-                    ExitUsage);
 
     int code = 0;
     const QList<AlsaDevices::Pcm> found = AlsaDevices::pcms(&code);

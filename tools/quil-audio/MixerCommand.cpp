@@ -93,7 +93,25 @@ class MixerCommand {
 public:
     int run(const QStringList& arguments)
     {
-        QCommandLineParser parser;
+        if (const std::optional<int> status = readCommandLine(arguments))
+            return *status;
+        int status = openCard();
+        if (status != ExitOk)
+            return status;
+        if (m_action == QLatin1String("set"))
+            return set(m_names[0]);
+        const QList<AlsaMixerElementPtr> elements = load(m_names, &status);
+        if (status != ExitOk || m_action == QLatin1String("watch"))
+            return status != ExitOk ? status : watch(elements, m_count);
+        for (const AlsaMixerElementPtr& element : elements)
+            printOut(describe(*element));
+        return ExitOk;
+    }
+
+    /// The status to end with before the mixer opens (--help, a usage error), or none.
+    std::optional<int> readCommandLine(const QStringList& arguments)
+    {
+        QCommandLineParser& parser = m_parser;
         parser.setApplicationDescription(QString::fromLatin1(Usage));
         addOptions(parser, {
                                {"D,device", "ALSA mixer device name.", "name", AlsaCard::DefaultName},
@@ -108,48 +126,40 @@ public:
         parser.addPositionalArgument(QStringLiteral("action"), QStringLiteral("list, get, set or watch."));
         parser.addPositionalArgument(QStringLiteral("name"), QStringLiteral("Element name."),
                                      QStringLiteral("[name...]"));
-        if (const std::optional<int> status = parseCommandLine(parser, arguments, Command))
-            return *status;
+        return parseCommandLine(parser, arguments, Command, [&](QString* error) { return readOptions(error); });
+    }
 
+private:
+    bool readOptions(QString* error)
+    {
+        const QCommandLineParser& parser = m_parser;
         m_device = parser.value(QStringLiteral("device"));
         m_playbackAsked = parser.isSet(QStringLiteral("playback"));
         m_captureAsked = parser.isSet(QStringLiteral("capture"));
         const QStringList positional = parser.positionalArguments();
-        const QString action = positional.value(0);
-        const QStringList names = positional.mid(1);
-        QString error;
-        int count = -1;
-        if (!readInt(parser, QStringLiteral("count"), 1, 1000000, &count, &error))
-            return fail(Command, error, ExitUsage);
+        m_action = positional.value(0);
+        m_names = positional.mid(1);
+        if (!readInt(parser, QStringLiteral("count"), 1, 1000000, &m_count, error))
+            return false;
         if (m_playbackAsked && m_captureAsked)
-            return fail(Command, QStringLiteral("--playback and --capture exclude each other"), ExitUsage);
-
-        const bool named = action == QLatin1String("get") || action == QLatin1String("set");
-        if (!named && action != QLatin1String("list") && action != QLatin1String("watch"))
-            return fail(Command,
-                        action.isEmpty() ? QStringLiteral("give an action: list, get, set or watch")
-                                         : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(action),
-                        ExitUsage);
-        if (named ? names.size() != 1 : action == QLatin1String("list") && !names.isEmpty())
-            return fail(Command,
-                        QStringLiteral("'%1' takes %2")
-                            .arg(action, named ? QStringLiteral("one element name") : QStringLiteral("no name")),
-                        ExitUsage);
-
-        int status = openCard();
-        if (status != ExitOk)
-            return status;
-        if (action == QLatin1String("set"))
-            return set(parser, names[0]);
-        const QList<AlsaMixerElementPtr> elements = load(names, &status);
-        if (status != ExitOk || action == QLatin1String("watch"))
-            return status != ExitOk ? status : watch(elements, count);
-        for (const AlsaMixerElementPtr& element : elements)
-            printOut(describe(*element));
-        return ExitOk;
+            return refuse(error, QStringLiteral("--playback and --capture exclude each other"));
+        const bool named = m_action == QLatin1String("get") || m_action == QLatin1String("set");
+        if (!named && m_action != QLatin1String("list") && m_action != QLatin1String("watch"))
+            return refuse(error, m_action.isEmpty()
+                                     ? QStringLiteral("give an action: list, get, set or watch")
+                                     : QStringLiteral("unknown action '%1' (list, get, set or watch)").arg(m_action));
+        if (named ? m_names.size() != 1 : m_action == QLatin1String("list") && !m_names.isEmpty())
+            return refuse(error,
+                          QStringLiteral("'%1' takes %2")
+                              .arg(m_action, named ? QStringLiteral("one element name") : QStringLiteral("no name")));
+        if (m_action != QLatin1String("set"))
+            return true;
+        return exclusive(parser, QStringLiteral("volume"), QStringLiteral("db"), error)
+               && (std::any_of(std::begin(Setters), std::end(Setters),
+                               [&](const Setter& s) { return parser.isSet(s.option); })
+                   || refuse(error, QStringLiteral("set needs --db, --volume, --switch or --enum")));
     }
 
-private:
     int openCard()
     {
         m_card = std::make_unique<AlsaCard>(m_device, true);
@@ -172,26 +182,16 @@ private:
         return elements;
     }
 
-    int set(const QCommandLineParser& parser, const QString& name)
+    int set(const QString& name)
     {
-        // Applied in this order, each only while those before it succeeded.
-        using Setter = int (MixerCommand::*)(AlsaMixerElement&, const QString&);
-        const std::pair<QString, Setter> setters[] = {{QStringLiteral("enum"), &MixerCommand::setEnum},
-                                                      {QStringLiteral("switch"), &MixerCommand::setSwitch},
-                                                      {QStringLiteral("volume"), &MixerCommand::setVolume},
-                                                      {QStringLiteral("db"), &MixerCommand::setDb}};
-        QString error;
-        if (!exclusive(parser, QStringLiteral("volume"), QStringLiteral("db"), &error))
-            return fail(Command, error, ExitUsage);
-        if (std::none_of(std::begin(setters), std::end(setters), [&](const auto& s) { return parser.isSet(s.first); }))
-            return fail(Command, QStringLiteral("set needs --db, --volume, --switch or --enum"), ExitUsage);
         int status = ExitOk;
         const AlsaMixerElementPtr element = load({name}, &status).value(0);
         if (!element)
             return status;
-        for (const auto& setter : setters) {
-            if (status == ExitOk && parser.isSet(setter.first))
-                status = (this->*setter.second)(*element, parser.value(setter.first));
+        for (const Setter& setter : Setters) {
+            const QString option = QString::fromLatin1(setter.option);
+            if (status == ExitOk && m_parser.isSet(option))
+                status = (this->*setter.apply)(*element, m_parser.value(option));
         }
         if (status == ExitOk)
             printOut(describe(*element));
@@ -336,6 +336,20 @@ private:
         return loop.exec();
     }
 
+    // set's options, applied in this order, each only while those before it succeeded.
+    struct Setter {
+        const char* option;
+        int (MixerCommand::*apply)(AlsaMixerElement&, const QString&);
+    };
+    static constexpr Setter Setters[] = {{"enum", &MixerCommand::setEnum},
+                                         {"switch", &MixerCommand::setSwitch},
+                                         {"volume", &MixerCommand::setVolume},
+                                         {"db", &MixerCommand::setDb}};
+
+    QCommandLineParser m_parser;
+    QString m_action;
+    QStringList m_names;
+    int m_count = -1;
     QString m_device;
     bool m_playbackAsked = false;
     bool m_captureAsked = false;
@@ -345,5 +359,10 @@ private:
 } // namespace
 
 int runMixerCommand(const QStringList& arguments) { return MixerCommand().run(arguments); }
+
+int checkMixerCommandLine(const QStringList& arguments)
+{
+    return MixerCommand().readCommandLine(arguments).value_or(ExitOk);
+}
 
 } // namespace quilaudio

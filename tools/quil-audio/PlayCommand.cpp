@@ -49,6 +49,18 @@ class PlayCommand {
 public:
     int run(const QStringList& arguments)
     {
+        if (const std::optional<int> status = readCommandLine(arguments))
+            return *status;
+        watchSignals();
+        int status = openSource();
+        if (status == ExitOk)
+            status = openDevice();
+        return status == ExitOk ? playUntilDone() : status;
+    }
+
+    /// The status to end with before anything opens (--help, a usage error), or none.
+    std::optional<int> readCommandLine(const QStringList& arguments)
+    {
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Input file; \"-\" is stdin (raw).");
         addOptions(parser, {
@@ -65,15 +77,7 @@ public:
                                {"tstamp", "Timestamp the device status; the progress shows the delay's age."},
                                {"no-drain", "At the end, close at once instead of waiting for the queue."},
                            });
-        if (const std::optional<int> status = parseCommandLine(
-                parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); }))
-            return *status;
-
-        watchSignals();
-        int status = openSource();
-        if (status == ExitOk)
-            status = openDevice();
-        return status == ExitOk ? playUntilDone() : status;
+        return parseCommandLine(parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); });
     }
 
 private:
@@ -394,5 +398,10 @@ private:
 } // namespace
 
 int runPlayCommand(const QStringList& arguments) { return PlayCommand().run(arguments); }
+
+int checkPlayCommandLine(const QStringList& arguments)
+{
+    return PlayCommand().readCommandLine(arguments).value_or(ExitOk);
+}
 
 } // namespace quilaudio

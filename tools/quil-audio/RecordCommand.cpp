@@ -73,6 +73,15 @@ class RecordCommand {
 public:
     int run(const QStringList& arguments)
     {
+        if (const std::optional<int> status = readCommandLine(arguments))
+            return *status;
+        const int status = openSource();
+        return status == ExitOk ? capture() : status;
+    }
+
+    /// The status to end with before anything opens (--help, a usage error), or none.
+    std::optional<int> readCommandLine(const QStringList& arguments)
+    {
         QCommandLineParser parser;
         addStreamOptions(parser, Usage, "Output file; \"-\" is stdout (raw).");
         addOptions(
@@ -87,12 +96,12 @@ public:
                 {"trigger-dbfs", "Ask for recording at the first sample at this level or above.", "dBFS"},
                 {"mute", "Start muted (silence is recorded); SIGUSR1 toggles."},
             });
-        if (const std::optional<int> status = parseCommandLine(
-                parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); }))
-            return *status;
-        const int status = openSource();
-        if (status != ExitOk)
-            return status;
+        return parseCommandLine(parser, arguments, Command, [&](QString* error) { return readOptions(parser, error); });
+    }
+
+private:
+    int capture()
+    {
         m_frameBytes = m_device->bytesPerSample() * m_device->channelCount();
         const qint64 bytesPerSecond = qint64(m_stream.rate) * m_frameBytes;
         if (m_ringMs * bytesPerSecond > MaxRingProduct)
@@ -107,7 +116,6 @@ public:
         return captureUntilDone();
     }
 
-private:
     bool readOptions(const QCommandLineParser& parser, QString* error)
     {
         if (!readStreamOptions(parser, &m_stream, error)
@@ -383,5 +391,10 @@ private:
 } // namespace
 
 int runRecordCommand(const QStringList& arguments) { return RecordCommand().run(arguments); }
+
+int checkRecordCommandLine(const QStringList& arguments)
+{
+    return RecordCommand().readCommandLine(arguments).value_or(ExitOk);
+}
 
 } // namespace quilaudio

@@ -6,7 +6,6 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QMap>
 
 #include <log4cplus/initializer.h>
 
@@ -14,12 +13,22 @@
 
 namespace {
 
-const char* const Usage = "Captures, plays and controls audio through libquil_audio.\n"
-                          "Commands (each has --help):\n"
-                          "  record   capture from an ALSA PCM or a raw file into an audio file or stdout\n"
-                          "  play     play an audio file, raw PCM on stdin or a tone to an ALSA PCM or a raw file\n"
-                          "  mixer    list, get, set and watch mixer elements\n"
-                          "  devices  list the PCMs and the sound cards with their mixer elements";
+QString usage()
+{
+    QString text =
+        QStringLiteral("Captures, plays and controls audio through libquil_audio.\nCommands (each has --help):");
+    for (const quilaudio::Subcommand& command : quilaudio::Subcommands)
+        text += QStringLiteral("\n  %1 %2").arg(QLatin1String(command.name), -8).arg(QLatin1String(command.summary));
+    return text;
+}
+
+QString commandNames()
+{
+    QStringList names;
+    for (const quilaudio::Subcommand& command : quilaudio::Subcommands)
+        names << QLatin1String(command.name);
+    return names.mid(0, names.size() - 1).join(QStringLiteral(", ")) + QStringLiteral(" or ") + names.last();
+}
 
 } // namespace
 
@@ -31,12 +40,12 @@ int main(int argc, char** argv)
     QCoreApplication::setApplicationVersion(QStringLiteral(QUIL_AUDIO_VERSION));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QString::fromLatin1(Usage));
+    parser.setApplicationDescription(usage());
     parser.addHelpOption();
     // -v means --verbose in every command, so the version has the long form only.
     const QCommandLineOption version(QStringLiteral("version"), QStringLiteral("Displays version information."));
     parser.addOption(version);
-    parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("record, play, mixer or devices."));
+    parser.addPositionalArgument(QStringLiteral("command"), commandNames() + QLatin1Char('.'));
     // Everything after the command belongs to the command's own parser.
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
     if (!parser.parse(QCoreApplication::arguments())) {
@@ -56,13 +65,10 @@ int main(int argc, char** argv)
 
     const QString& command = positional.first();
     const QStringList arguments = QStringList{QStringLiteral("quil-audio ") + command} + positional.mid(1);
-    const QMap<QString, int (*)(const QStringList&)> commands{
-        {QStringLiteral("record"), quilaudio::runRecordCommand},
-        {QStringLiteral("play"), quilaudio::runPlayCommand},
-        {QStringLiteral("mixer"), quilaudio::runMixerCommand},
-        {QStringLiteral("devices"), quilaudio::runDevicesCommand}};
-    if (commands.contains(command))
-        return commands[command](arguments);
-    std::fprintf(stderr, "quil-audio: unknown command '%s' (record, play, mixer or devices)\n", qPrintable(command));
+    for (const quilaudio::Subcommand& entry : quilaudio::Subcommands) {
+        if (command == QLatin1String(entry.name))
+            return entry.run(arguments);
+    }
+    std::fprintf(stderr, "quil-audio: unknown command '%s' (%s)\n", qPrintable(command), qPrintable(commandNames()));
     return quilaudio::ExitUsage;
 }
