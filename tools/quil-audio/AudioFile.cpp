@@ -172,27 +172,29 @@ bool AudioFile::openForWriting(const QString& path, const QString& typeName, con
 bool AudioFile::read(int frames, QByteArray* block)
 {
     block->resize(frames * m_frameBytes);
-    char* data = block->data();
-    sf_count_t done = 0;
-    switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
-    case SND_PCM_FORMAT_UNKNOWN:
-        done = sf_read_raw(m_file, data, block->size()) / m_frameBytes;
-        break; // a partial last frame is dropped
-    case SND_PCM_FORMAT_S16:
-        done = sf_readf_short(m_file, reinterpret_cast<short*>(data), frames);
-        break;
-    case SND_PCM_FORMAT_S32:
-        done = sf_readf_int(m_file, reinterpret_cast<int*>(data), frames);
-        break;
-    case SND_PCM_FORMAT_FLOAT:
-        done = sf_readf_float(m_file, reinterpret_cast<float*>(data), frames);
-        break;
-    default:
-        done = sf_readf_double(m_file, reinterpret_cast<double*>(data), frames);
-        break;
-    }
+    sf_count_t done = readFrames(block->data(), frames);
+    // libsndfile's FLAC decoder reports a broken stream only at the read after
+    // the one it cut short: ask once more, to see the end confirmed or the error.
+    if (done < frames && sf_error(m_file) == SF_ERR_NO_ERROR)
+        done += readFrames(block->data() + done * m_frameBytes, frames - done);
     block->resize(static_cast<int>(done) * m_frameBytes);
     return sf_error(m_file) == SF_ERR_NO_ERROR || fail("read");
+}
+
+sf_count_t AudioFile::readFrames(char* data, sf_count_t frames)
+{
+    switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
+    case SND_PCM_FORMAT_UNKNOWN:
+        return sf_read_raw(m_file, data, frames * m_frameBytes) / m_frameBytes; // a partial last frame is dropped
+    case SND_PCM_FORMAT_S16:
+        return sf_readf_short(m_file, reinterpret_cast<short*>(data), frames);
+    case SND_PCM_FORMAT_S32:
+        return sf_readf_int(m_file, reinterpret_cast<int*>(data), frames);
+    case SND_PCM_FORMAT_FLOAT:
+        return sf_readf_float(m_file, reinterpret_cast<float*>(data), frames);
+    default:
+        return sf_readf_double(m_file, reinterpret_cast<double*>(data), frames);
+    }
 }
 
 bool AudioFile::write(const QByteArray& block)

@@ -60,6 +60,7 @@ private:
     bool setType(const QString& path, const QString& typeName);
     bool open(const QString& path, int mode, SF_INFO* info);
     bool fail(const char* action);
+    sf_count_t readFrames(char* data, sf_count_t frames);
 
     QString m_path;
     int m_sfFormat = SF_FORMAT_RAW;
