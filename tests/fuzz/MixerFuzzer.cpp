@@ -1,0 +1,148 @@
+// AlsaCard and AlsaMixerElement on the scripted test mixer: element names of
+// any bytes, every control with out-of-range values and NaN or infinite gains
+// on either side (any int as the mode), cards dropped under held elements, and
+// mixers that close themselves (a poll error or a dead backend written into
+// the FIFO) under held elements, which from then on must fail without ALSA.
+
+#include "AlsaCard.h"
+#include "FuzzSupport.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace {
+
+const QByteArray Fifo = quilfuzz::workFile("mixer.fifo").toUtf8();
+const double Gains[] = {NAN, INFINITY, -INFINITY, 0, -10.555, -50, 1e300, -1e300};
+const long Volumes[] = {LONG_MIN, -1, 0, 1, 31, 100, 101, LONG_MAX};
+const int Modes[] = {Playback, Capture, -1, 2, INT_MIN, INT_MAX};
+
+struct Held {
+    AlsaMixerElementPtr element;
+    int generation; // of the mixer it was loaded from
+};
+
+QString elementName(FuzzedDataProvider& in)
+{
+    static const QString names[] = {"Master", "MASTER", "master mono", "zoom", "Aux", "Input Source", "input",
+                                    "Capture", "Headphone", "Inactive", "", "Speaker", QString::fromUtf8("Mäster"),
+                                    QString::fromUtf8("Mas\0ter", 7)};
+    if (in.ConsumeBool())
+        return in.PickValueInArray(names);
+    const std::string raw = in.ConsumeRandomLengthString(24);
+    return QString::fromUtf8(raw.data(), int(raw.size()));
+}
+
+// The element's controls after any change: values within their ranges, any
+// mode but 0 read as capture, the enumeration listing exactly its items.
+void checkLive(AlsaMixerElement& e, AlsaElementMode mode, FuzzedDataProvider& in)
+{
+    long min = 0, max = 0, value = 0, capture = 0;
+    if (e.getVolumeRange(&min, &max, mode) && e.getVolume(&value, mode))
+        FUZZ_CHECK(min <= value && value <= max);
+    FUZZ_CHECK(mode == Playback || (e.getVolume(&capture, Capture) == e.getVolume(&value, mode) && capture == value));
+    const size_t items = e.getEnumSize();
+    FUZZ_CHECK(items == (e.name() == "Input Source" ? 4u : 0u) && e.isEnumerated() == (items > 0));
+    QString item;
+    unsigned int selected = 0;
+    FUZZ_CHECK(e.getEnumItemName(unsigned(items), &item) == false && e.getEnum(&selected) == (items > 0));
+    FUZZ_CHECK(items == 0 || (selected < items && e.getEnumItemName(in.ConsumeIntegralInRange(0u, unsigned(items) - 1), &item)));
+}
+
+// Every operation of an element whose mixer closed fails, leaves its outputs
+// and tells no ALSA error.
+void checkRetired(AlsaMixerElement& e, AlsaElementMode mode)
+{
+    double dB = 7;
+    long value = 7, min = 7;
+    bool on = true;
+    unsigned int item = 7;
+    QString name = "kept";
+    FUZZ_CHECK(!e.setDB(-3, mode) && !e.getDB(&dB, mode) && !e.hasDB(mode) && !e.setVolume(1, mode)
+               && !e.getVolume(&value, mode) && !e.getVolumeRange(&min, &value, mode) && !e.hasSwitch(mode)
+               && !e.setSwitch(false, mode) && !e.getSwitch(&on, mode) && !e.isEnumerated() && !e.setEnum(0)
+               && !e.getEnum(&item) && e.getEnumSize() == 0 && !e.getEnumItemName(0, &name));
+    FUZZ_CHECK(e.errorCode() == 0 && !e.errorString().isEmpty() && dB == 7 && value == 7 && min == 7 && on && item == 7
+               && name == "kept");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    quilfuzz::initialize(argc, argv);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static const QString device = "testmix:FIFO=" + QString::fromUtf8(Fifo);
+    FuzzedDataProvider in(data, size);
+    std::unique_ptr<AlsaCard> card(new AlsaCard(device, true));
+    std::vector<Held> held;
+    std::vector<bool> closed{false}; // per generation: its mixer closed itself
+    for (int step = 0; step < 48 && in.remaining_bytes() > 0; ++step) {
+        const int op = in.ConsumeIntegralInRange(0, 5);
+        if (op == 0 && card) {
+            const QString name = elementName(in);
+            QString expected; // an exact match, else the first that contains the name
+            for (const QString& full : card->elementNames())
+                if (!name.isEmpty() && full.contains(name, Qt::CaseInsensitive)
+                    && (expected.isEmpty() || full.compare(name, Qt::CaseInsensitive) == 0))
+                    expected = full;
+            const AlsaMixerElementPtr element = card->loadMixerElement(name);
+            FUZZ_CHECK(element ? element->name() == expected && card->loadMixerElement(name) == element
+                               : expected.isEmpty() && card->errorCode() == 0 && !card->errorString().isEmpty());
+            if (element)
+                held.push_back({element, int(closed.size()) - 1});
+        } else if (op == 1 && !held.empty()) {
+            const Held& h = held[in.ConsumeIntegralInRange<size_t>(0, held.size() - 1)];
+            AlsaMixerElement& e = *h.element;
+            const auto mode = AlsaElementMode(in.PickValueInArray(Modes));
+            if (closed[h.generation]) {
+                checkRetired(e, mode);
+                continue;
+            }
+            const int which = in.ConsumeIntegralInRange(0, 3);
+            const bool ok = which == 0   ? e.setDB(in.ConsumeBool() ? in.PickValueInArray(Gains) : in.ConsumeFloatingPoint<double>(), mode)
+                            : which == 1 ? e.setVolume(in.ConsumeBool() ? in.PickValueInArray(Volumes) : in.ConsumeIntegral<long>(), mode)
+                            : which == 2 ? e.setSwitch(in.ConsumeBool(), mode)
+                                         : e.setEnum(in.ConsumeIntegral<unsigned int>());
+            FUZZ_CHECK(ok || (e.errorCode() != 0 && !e.errorString().isEmpty()));
+            checkLive(e, mode, in);
+        } else if (op == 2) {
+            card.reset(); // its elements keep their mixer open
+        } else if (op == 3) {
+            const bool wasOpen = card && card->isOpen();
+            if (!card)
+                card.reset(new AlsaCard(device, false));
+            FUZZ_CHECK(card->open() && card->isOpen() && card->errorString().isEmpty() && card->errorCode() == 0);
+            if (!wasOpen)
+                closed.push_back(false);
+        } else if (op == 4 && card && card->isOpen()) {
+            // Only this card's mixer may read the FIFO: others' elements go.
+            const int current = int(closed.size()) - 1;
+            held.erase(std::remove_if(held.begin(), held.end(),
+                                      [&](const Held& h) { return h.generation != current && !closed[h.generation]; }),
+                       held.end());
+            const char* line = in.ConsumeBool() ? "pollerr\n" : "dead\n";
+            const int fd = ::open(Fifo.constData(), O_WRONLY | O_NONBLOCK);
+            FUZZ_CHECK(fd >= 0 && ::write(fd, line, strlen(line)) == ssize_t(strlen(line)));
+            ::close(fd);
+            for (int i = 0; i < 100 && card->isOpen(); ++i)
+                QCoreApplication::processEvents();
+            FUZZ_CHECK(!card->isOpen() && !card->errorString().isEmpty() && card->elementNames().isEmpty());
+            closed[current] = true;
+        } else if (op == 5 && !held.empty()) {
+            held.erase(held.begin() + in.ConsumeIntegralInRange<size_t>(0, held.size() - 1));
+        }
+    }
+    return 0;
+}
