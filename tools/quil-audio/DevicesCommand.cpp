@@ -10,6 +10,7 @@
 #include <QJsonObject>
 
 #include <algorithm>
+#include <functional>
 
 namespace quilaudio {
 
@@ -30,20 +31,59 @@ int elementCount(const QString& device)
     return handle ? handle->buildElementList().size() : -1;
 }
 
+QString elementsText(const QJsonValue& count)
+{
+    return count.isNull() ? QStringLiteral("mixer cannot be opened")
+                          : QStringLiteral("%1 mixer elements").arg(count.toInt());
+}
+
 QJsonValue countJson(int count) { return count < 0 ? QJsonValue() : QJsonValue(count); }
 
-QString elementsText(int count)
-{
-    return count < 0 ? QStringLiteral("mixer cannot be opened") : QStringLiteral("%1 mixer elements").arg(count);
-}
+// What devices lists: the rows are collected once, as the JSON objects of
+// --json, and the text listing renders each section's lines from them.
+struct Listing {
+    QJsonArray pcms, cards, mixers;
 
-// A titled section of the text listing; an empty one says "none".
-void printSection(const QString& title, const QStringList& lines)
-{
-    printOut(title);
-    for (const QString& line : lines.isEmpty() ? QStringList{QStringLiteral("none")} : lines)
-        printOut(QStringLiteral("  ") + line);
-}
+    void print() const
+    {
+        int width = 0;
+        for (const QJsonValue& pcm : pcms)
+            width = static_cast<int>(std::max<qsizetype>(width, pcm[QLatin1String("name")].toString().size()));
+        printSection(QStringLiteral("PCMs:"), pcms, [width](const QJsonValue& pcm) {
+            const bool playback = pcm[QLatin1String("playback")].toBool(),
+                       capture = pcm[QLatin1String("capture")].toBool();
+            const QString served = playback && capture ? QStringLiteral("playback, capture")
+                                   : playback          ? QStringLiteral("playback")
+                                                       : QStringLiteral("capture");
+            const QString description =
+                pcm[QLatin1String("description")].toString().split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(", ");
+            return (pcm[QLatin1String("name")].toString().leftJustified(width) + "  " + served.leftJustified(17) + "  "
+                    + description)
+                .trimmed();
+        });
+        printSection(QStringLiteral("Cards:"), cards, [](const QJsonValue& card) {
+            return QStringLiteral("%1  %2 (%3): %4")
+                .arg(card[QLatin1String("mixer")].toString(), card[QLatin1String("name")].toString(),
+                     card[QLatin1String("longName")].toString(), elementsText(card[QLatin1String("mixerElements")]));
+        });
+        if (!mixers.isEmpty())
+            printSection(QStringLiteral("Mixers:"), mixers, [](const QJsonValue& mixer) {
+                return QStringLiteral("%1: %2").arg(mixer[QLatin1String("mixer")].toString(),
+                                                    elementsText(mixer[QLatin1String("mixerElements")]));
+            });
+    }
+
+    // A titled section of the text listing; an empty one says "none".
+    static void printSection(const QString& title, const QJsonArray& rows,
+                             const std::function<QString(const QJsonValue&)>& line)
+    {
+        printOut(title);
+        if (rows.isEmpty())
+            printOut(QStringLiteral("  none"));
+        for (const QJsonValue& row : rows)
+            printOut(QStringLiteral("  ") + line(row));
+    }
+};
 
 // The status to end with before any device is read (--help, a usage error), or none.
 std::optional<int> readCommandLine(QCommandLineParser& parser, const QStringList& arguments)
@@ -80,50 +120,33 @@ int runDevicesCommand(const QStringList& arguments)
     if (code < 0)
         return failBecause(Command, QStringLiteral("cannot read ALSA's device name hints"),
                            QString::fromLocal8Bit(snd_strerror(code)));
-    int width = 0;
+    Listing listing;
     for (const AlsaDevices::Pcm& pcm : found)
-        width = static_cast<int>(std::max<qsizetype>(width, pcm.name.size())); // size(): int on Qt 5, qsizetype on 6
-    // Each section is built twice over, as JSON and as text lines, from the same values.
-    QJsonArray pcms, cards, mixers;
-    QStringList pcmLines, cardLines, mixerLines;
-    for (const AlsaDevices::Pcm& pcm : found) {
-        pcms.append(QJsonObject{{QStringLiteral("name"), pcm.name},
-                                {QStringLiteral("description"), pcm.description},
-                                {QStringLiteral("playback"), pcm.playback},
-                                {QStringLiteral("capture"), pcm.capture}});
-        const QString served = pcm.playback && pcm.capture ? QStringLiteral("playback, capture")
-                               : pcm.playback              ? QStringLiteral("playback")
-                                                           : QStringLiteral("capture");
-        const QString description = pcm.description.split(QLatin1Char('\n'), Qt::SkipEmptyParts).join(", ");
-        pcmLines << (pcm.name.leftJustified(width) + "  " + served.leftJustified(17) + "  " + description).trimmed();
-    }
-    for (const AlsaDevices::Card& card : AlsaDevices::cards()) {
-        const int count = elementCount(card.device);
-        cards.append(QJsonObject{{QStringLiteral("card"), card.index},
-                                 {QStringLiteral("name"), card.name},
-                                 {QStringLiteral("longName"), card.longName},
-                                 {QStringLiteral("mixer"), card.device},
-                                 {QStringLiteral("mixerElements"), countJson(count)}});
-        cardLines << QStringLiteral("%1  %2 (%3): %4").arg(card.device, card.name, card.longName, elementsText(count));
-    }
+        listing.pcms.append(QJsonObject{{QStringLiteral("name"), pcm.name},
+                                        {QStringLiteral("description"), pcm.description},
+                                        {QStringLiteral("playback"), pcm.playback},
+                                        {QStringLiteral("capture"), pcm.capture}});
+    for (const AlsaDevices::Card& card : AlsaDevices::cards())
+        listing.cards.append(QJsonObject{{QStringLiteral("card"), card.index},
+                                         {QStringLiteral("name"), card.name},
+                                         {QStringLiteral("longName"), card.longName},
+                                         {QStringLiteral("mixer"), card.device},
+                                         {QStringLiteral("mixerElements"), countJson(elementCount(card.device))}});
     // A mixer asked for by name must open: its count is what the caller wants to know.
     for (const QString& device : parser.values(QStringLiteral("mixer"))) {
         const int count = elementCount(device);
         if (count < 0)
             return fail(Command, QStringLiteral("cannot open mixer '%1'").arg(device), ExitFailed);
-        mixers.append(QJsonObject{{QStringLiteral("mixer"), device}, {QStringLiteral("mixerElements"), count}});
-        mixerLines << QStringLiteral("%1: %2").arg(device, elementsText(count));
+        listing.mixers.append(QJsonObject{{QStringLiteral("mixer"), device}, {QStringLiteral("mixerElements"), count}});
     }
     if (parser.isSet(QStringLiteral("json"))) {
-        const QJsonObject all{
-            {QStringLiteral("pcms"), pcms}, {QStringLiteral("cards"), cards}, {QStringLiteral("mixers"), mixers}};
+        const QJsonObject all{{QStringLiteral("pcms"), listing.pcms},
+                              {QStringLiteral("cards"), listing.cards},
+                              {QStringLiteral("mixers"), listing.mixers}};
         std::fputs(QJsonDocument(all).toJson(QJsonDocument::Indented).constData(), stdout);
         return ExitOk;
     }
-    printSection(QStringLiteral("PCMs:"), pcmLines);
-    printSection(QStringLiteral("Cards:"), cardLines);
-    if (!mixerLines.isEmpty())
-        printSection(QStringLiteral("Mixers:"), mixerLines);
+    listing.print();
     return ExitOk;
 }
 

@@ -33,7 +33,7 @@ const char* const Usage = "Plays FILE, stdin (\"-\", the default) or a generated
 // Frames per write for a file, which has no period.
 constexpr int FileBlockFrames = 1024;
 // 16 MiB: far below QByteArray's 2 GiB; larger reads gain nothing.
-constexpr int MaxBlockBytes = 1 << 24;
+constexpr int MaxPlayBlockBytes = 1 << 24;
 // How long a drain may take beyond the buffer's own length before we give up.
 constexpr unsigned int DrainSlackS = 5;
 
@@ -218,9 +218,9 @@ private:
         }
         if (!m_alsa)
             return ExitOk;
-        // Blocks and reads stay within MaxBlockBytes, whatever period and buffer ALSA grants.
+        // Blocks and reads stay within MaxPlayBlockBytes, whatever period and buffer ALSA grants.
         const int deviceFrameBytes = m_device->bytesPerSample() * m_device->channelCount();
-        const int maxFrames = MaxBlockBytes / std::max({1, m_inputFile.frameBytes(), deviceFrameBytes});
+        const int maxFrames = MaxPlayBlockBytes / std::max({1, m_inputFile.frameBytes(), deviceFrameBytes});
         m_blockFrames = static_cast<int>(std::clamp<snd_pcm_uframes_t>(m_alsa->periodSize(), 1, maxFrames));
         // A pipe's writer may fill a period in time, but not a buffer.
         if (m_inputFile.isSeekable())
