@@ -5,10 +5,10 @@
 # Usage: quil-audio-man.sh TOOL OUTPUT [HELP2MAN]
 set -euo pipefail
 tool=$1 output=$2 help2man=${3:-help2man}
-# The commands as the top-level help lists them, so that a new one gets its section.
-mapfile -t commands < <("$tool" --help | sed -n '/^Commands/,/^$/s/^  \([a-z]\+\)  .*/\1/p')
+# The commands as the tool declares them, so that a new one gets its section.
+mapfile -t commands < <("$tool" --commands)
 if [ ${#commands[@]} -eq 0 ]; then
-    echo "quil-audio-man.sh: no commands in the output of '$tool --help'" >&2
+    echo "quil-audio-man.sh: '$tool --commands' names no command" >&2
     exit 1
 fi
 work=$(mktemp -d)

@@ -45,6 +45,9 @@ int main(int argc, char** argv)
     // -v means --verbose in every command, so the version has the long form only.
     const QCommandLineOption version(QStringLiteral("version"), QStringLiteral("Displays version information."));
     parser.addOption(version);
+    // The manual page's script reads the commands from here.
+    const QCommandLineOption list(QStringLiteral("commands"), QStringLiteral("Lists the commands, one a line."));
+    parser.addOption(list);
     parser.addPositionalArgument(QStringLiteral("command"), commandNames() + QLatin1Char('.'));
     // Everything after the command belongs to the command's own parser.
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
@@ -54,6 +57,11 @@ int main(int argc, char** argv)
     }
     if (parser.isSet(version)) {
         std::printf("quil-audio %s\n", QUIL_AUDIO_VERSION);
+        return quilaudio::ExitOk;
+    }
+    if (parser.isSet(list)) {
+        for (const quilaudio::Subcommand& command : quilaudio::Subcommands)
+            std::printf("%s\n", command.name);
         return quilaudio::ExitOk;
     }
     const QStringList positional = parser.positionalArguments();
