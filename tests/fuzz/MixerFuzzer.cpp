@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -24,10 +23,7 @@ const double Gains[] = {NAN, INFINITY, -INFINITY, 0, -10.555, -50, 1e300, -1e300
 const long Volumes[] = {LONG_MIN, -1, 0, 1, 31, 100, 101, LONG_MAX};
 const int Modes[] = {Playback, Capture, -1, 2, INT_MIN, INT_MAX};
 
-struct Held {
-    AlsaMixerElementPtr element;
-    int generation; // of the mixer it was loaded from
-};
+using Held = std::pair<AlsaMixerElementPtr, int>; // and the mixer it was loaded from, by generation
 
 QString elementName(FuzzedDataProvider& in)
 {
@@ -45,8 +41,7 @@ QString elementName(FuzzedDataProvider& in)
 void checkLive(AlsaMixerElement& e, AlsaElementMode mode, FuzzedDataProvider& in)
 {
     long min = 0, max = 0, value = 0, capture = 0;
-    if (e.getVolumeRange(&min, &max, mode) && e.getVolume(&value, mode))
-        FUZZ_CHECK(min <= value && value <= max);
+    FUZZ_CHECK(!e.getVolumeRange(&min, &max, mode) || !e.getVolume(&value, mode) || (min <= value && value <= max));
     FUZZ_CHECK(mode == Playback || (e.getVolume(&capture, Capture) == e.getVolume(&value, mode) && capture == value));
     const size_t items = e.getEnumSize();
     FUZZ_CHECK(items == (e.name() == "Input Source" ? 4u : 0u) && e.isEnumerated() == (items > 0));
@@ -62,8 +57,8 @@ void checkRetired(AlsaMixerElement& e, AlsaElementMode mode)
 {
     double dB = 7;
     long value = 7, min = 7;
-    bool on = true;
     unsigned int item = 7;
+    bool on = true;
     QString name = "kept";
     FUZZ_CHECK(!e.setDB(-3, mode) && !e.getDB(&dB, mode) && !e.hasDB(mode) && !e.setVolume(1, mode)
                && !e.getVolume(&value, mode) && !e.getVolumeRange(&min, &value, mode) && !e.hasSwitch(mode)
@@ -75,11 +70,7 @@ void checkRetired(AlsaMixerElement& e, AlsaElementMode mode)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
-{
-    quilfuzz::initialize(argc, argv);
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return quilfuzz::initialize(argc, argv), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -104,9 +95,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 held.push_back({element, int(closed.size()) - 1});
         } else if (op == 1 && !held.empty()) {
             const Held& h = held[in.ConsumeIntegralInRange<size_t>(0, held.size() - 1)];
-            AlsaMixerElement& e = *h.element;
+            AlsaMixerElement& e = *h.first;
             const auto mode = AlsaElementMode(in.PickValueInArray(Modes));
-            if (closed[h.generation]) {
+            if (closed[h.second]) {
                 checkRetired(e, mode);
                 continue;
             }
@@ -130,18 +121,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             // Only this card's mixer may read the FIFO: others' elements go.
             const int current = int(closed.size()) - 1;
             held.erase(std::remove_if(held.begin(), held.end(),
-                                      [&](const Held& h) { return h.generation != current && !closed[h.generation]; }),
+                                      [&](const Held& h) { return h.second != current && !closed[h.second]; }),
                        held.end());
-            const char* line = in.ConsumeBool() ? "pollerr\n" : "dead\n";
+            const QByteArray line = in.ConsumeBool() ? "pollerr\n" : "dead\n";
             const int fd = ::open(Fifo.constData(), O_WRONLY | O_NONBLOCK);
-            FUZZ_CHECK(fd >= 0 && ::write(fd, line, strlen(line)) == ssize_t(strlen(line)));
+            FUZZ_CHECK(fd >= 0 && ::write(fd, line.constData(), line.size()) == line.size());
             ::close(fd);
             for (int i = 0; i < 100 && card->isOpen(); ++i)
                 QCoreApplication::processEvents();
             FUZZ_CHECK(!card->isOpen() && !card->errorString().isEmpty() && card->elementNames().isEmpty());
             closed[current] = true;
         } else if (op == 5 && !held.empty()) {
-            held.erase(held.begin() + in.ConsumeIntegralInRange<size_t>(0, held.size() - 1));
+            held.pop_back();
         }
     }
     return 0;

@@ -14,8 +14,7 @@
 
 namespace {
 
-const char* g_blockBegin = nullptr;
-const char* g_blockEnd = nullptr;
+const char *g_blockBegin = nullptr, *g_blockEnd = nullptr;
 size_t g_frameBytes = 0;
 
 const int Extremes[] = {INT_MIN, -1000, -1, 0, 1, 2, 10, 20, 100, 960, 4800, 100000, INT_MAX};
@@ -45,11 +44,7 @@ extern "C" snd_pcm_sframes_t snd_pcm_writei(snd_pcm_t* pcm, const void* buffer, 
 // The open retries' pauses: 750 ms for every name that does not exist.
 extern "C" int usleep(useconds_t) { return 0; }
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
-{
-    quilfuzz::initialize(argc, argv);
-    return 0;
-}
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return quilfuzz::initialize(argc, argv), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -75,12 +70,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             tstamp = tstamp || which == 2;
         } else if (op == 2) {
             const bool opened = device->open();
-            FUZZ_CHECK(opened == device->isOpened());
-            FUZZ_CHECK(opened == device->errorString().isEmpty() && (opened ? device->errorCode() == 0 : device->errorCode() <= 0));
+            FUZZ_CHECK(opened == device->isOpened() && opened == device->errorString().isEmpty()
+                       && (opened ? device->errorCode() == 0 : device->errorCode() <= 0));
+            FUZZ_CHECK(!opened || (device->sampleRate() > 0 && device->channelCount() > 0 && device->bytesPerSample() > 0
+                                   && device->startThreshold() <= device->bufferSize()));
             tstampOpened = wasOpen ? tstampOpened : tstamp;
-            if (opened)
-                FUZZ_CHECK(device->sampleRate() > 0 && device->channelCount() > 0 && device->bytesPerSample() > 0
-                           && device->startThreshold() <= device->bufferSize());
         } else if (op == 3) {
             device->close(in.ConsumeBool() ? Out::Drain : Out::Immediate);
             FUZZ_CHECK(!device->isOpened());
@@ -93,18 +87,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             g_blockBegin = block.constData(), g_blockEnd = g_blockBegin + block.size();
             g_frameBytes = size_t(device->channelCount()) * size_t(device->bytesPerSample());
             const Out::WriteResult result = device->write(block);
-            FUZZ_CHECK(result == (wasOpen ? result : Out::DeviceClosed) && unsigned(result) <= Out::DeviceClosed);
-            FUZZ_CHECK(device->isOpened() == (result != Out::DeviceClosed));
-            FUZZ_CHECK(result != Out::DeviceClosed || !wasOpen || device->errorCode() < 0);
+            FUZZ_CHECK(unsigned(result) <= Out::DeviceClosed && device->isOpened() == (result != Out::DeviceClosed));
+            FUZZ_CHECK(wasOpen ? result != Out::DeviceClosed || device->errorCode() < 0 : result == Out::DeviceClosed);
         } else if (op == 5) {
             const int frames = device->framesReady();
-            FUZZ_CHECK(wasOpen ? frames >= -1 && (frames <= 0 || unsigned(frames) <= device->bufferSize()) : frames == -1);
-            FUZZ_CHECK(frames != -1 || !wasOpen || !device->errorString().isEmpty());
+            FUZZ_CHECK(wasOpen ? frames > 0 ? unsigned(frames) <= device->bufferSize() : frames == 0 || (frames == -1 && !device->errorString().isEmpty())
+                               : frames == -1);
         } else if (op == 6) {
             int64_t age = -7;
             const int frames = device->delay(&age);
-            FUZZ_CHECK(wasOpen ? frames >= -1 : frames == -1);
-            FUZZ_CHECK(frames == -1 ? age == -7 : tstampOpened ? age >= 0 && age < 1000000 : age == 0);
+            FUZZ_CHECK((wasOpen ? frames >= -1 : frames == -1)
+                       && (frames == -1 ? age == -7 : tstampOpened ? age >= 0 && age < 1000000 : age == 0));
         } else {
             // Braces: the arguments are decoded in order.
             device.reset(new AlsaOutputDevice{in.PickValueInArray(names), in.PickValueInArray(Rates),
