@@ -192,6 +192,18 @@ TEST_F(QuilAudioTool, CapturesPlaysAndControlsThroughThePublicClasses)
     });
 }
 
+// The first write meets an underrun: its block of 6000 frames (a 125 ms period)
+// is cut short and not counted, the last 3600 frames play.
+TEST_F(QuilAudioTool, PlayCountsWhatAnXrunCutShortApart)
+{
+    qputenv("LD_PRELOAD", QUIL_TEST_XRUN_PRELOAD);
+    qputenv("QUIL_TEST_XRUN_AT", "1");
+    runCases({{"play_xrun", {"play", "-D", "null", "{in}"}, 0,
+               "played 3600 frames (0.075 s) to 'null': xruns 1 (1 block cut short, not counted as played)"}});
+    qunsetenv("LD_PRELOAD");
+    qunsetenv("QUIL_TEST_XRUN_AT");
+}
+
 TEST_F(QuilAudioTool, SpeaksAudioFilesAndListsDevices)
 {
     ASSERT_TRUE(QDir().mkpath(m_dir));

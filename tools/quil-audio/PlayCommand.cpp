@@ -258,9 +258,12 @@ private:
                 break;
             }
             m_xruns += result == AudioOutputDevice::XrunRecovered ? 1 : 0;
-            const qint64 written = deviceFrameBytes > 0 ? block.size() / deviceFrameBytes : 0;
-            m_framesPlayed += written;
-            framesLeft = framesLeft < 0 ? -1 : framesLeft - written;
+            const qint64 sent = deviceFrameBytes > 0 ? block.size() / deviceFrameBytes : 0;
+            m_framesSent += sent;
+            // write() drops the rest of a block at an xrun without saying how
+            // much went out before it: the summary counts none of that block.
+            m_framesPlayed += result == AudioOutputDevice::XrunRecovered ? 0 : sent;
+            framesLeft = framesLeft < 0 ? -1 : framesLeft - sent;
             if (m_progress.isShown() && sinceProgress.elapsed() >= ProgressIntervalMs) {
                 showProgress();
                 sinceProgress.restart();
@@ -281,7 +284,7 @@ private:
     {
         if (m_toneHz > 0) {
             *block = toneBlock(m_toneHz, m_device->sampleRate(), m_device->channelCount(), m_stream.format,
-                               m_framesPlayed, frames);
+                               m_framesSent, frames);
             return true;
         }
         // A regular file is read a buffer at a time and played a period at a
@@ -367,7 +370,12 @@ private:
         if (!m_alsa)
             return played + QStringLiteral(" into '%1'").arg(m_outputFile);
         const QString delay = m_delayFrames < 0 ? QStringLiteral("unknown") : delayText(false);
-        return played + QStringLiteral(" to '%1': xruns %2, delay %3").arg(m_stream.device).arg(m_xruns).arg(delay);
+        const QString cut = m_xruns == 0 ? QString()
+                                         : QStringLiteral(" (%1 cut short, not counted as played)")
+                                               .arg(m_xruns == 1 ? QStringLiteral("1 block")
+                                                                 : QStringLiteral("%1 blocks").arg(m_xruns));
+        return played
+               + QStringLiteral(" to '%1': xruns %2%3, delay %4").arg(m_stream.device).arg(m_xruns).arg(cut, delay);
     }
 
     // What the command line asks of an ALSA device; -1: left to ALSA.
@@ -388,7 +396,8 @@ private:
     QByteArray m_readAhead; // periods of a regular file read at once; m_readOffset bytes played
     int m_readOffset = 0, m_readAheadPeriods = 1;
     int m_blockFrames = FileBlockFrames;
-    qint64 m_framesPlayed = 0;
+    qint64 m_framesPlayed = 0; // in blocks that reached the device whole
+    qint64 m_framesSent = 0; // handed to the device: the tone's position
     int m_xruns = 0;
     int m_delayFrames = -1; // and its age, from the last delay() asked
     int64_t m_delayAgeUs = 0;
