@@ -137,7 +137,6 @@ TEST_F(PlaybackTest, WritesTakeTheBlockFrontToBackAndRecoverOrClose)
 TEST_F(PlaybackTest, FramesReadyDelayAndClose)
 {
     AlsaOutputDevice device(QStringLiteral("null"), 48000, 2, S16, 20, 100);
-    EXPECT_EQ(device.write(patternBytes(400)), Out::DeviceClosed);   // never hands ALSA a null handle
     EXPECT_EQ(device.framesReady() + device.delay(nullptr), -2);
     device.enableTstamp();
     ASSERT_TRUE(device.open());
