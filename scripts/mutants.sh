@@ -5,7 +5,10 @@
 # reason in scripts/mutants-equivalent.list, not run), "invalid" (does not
 # compile) and "not-applied" (its text is not in REV). A failing test is run
 # once more (cores shared with other work can fail a timing bound); a fault
-# is caught when a test fails twice. Not part of CI.
+# is caught when a test fails twice. A fault the suite misses is then tried on
+# the seed corpora of the fuzz targets that drive its file (fuzz_for below),
+# replayed in a clang build of the worktree: "caught (fuzz_..._corpus)". Not
+# part of CI.
 #
 #   scripts/mutants.sh [REV] [ID...]
 #       the hand-picked faults of scripts/mutants.list against the whole plain
@@ -53,6 +56,13 @@ cd "$scratch"
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUIL_AUDIO_BUILD_BENCHMARKS=OFF \
     -DCMAKE_LINK_DEPENDS_NO_SHARED=ON >/dev/null
 cmake --build build -j2 >/dev/null || { echo "baseline build failed"; exit 1; }
+# The fuzz targets' seed corpora replay as tests too (tests/fuzz): a fault the
+# suite misses is tried on them, in a clang build of its own.
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUIL_AUDIO_BUILD_TESTS=OFF \
+    -DQUIL_AUDIO_BUILD_DOCS=OFF -DQUIL_AUDIO_BUILD_FUZZERS=ON -DQUIL_AUDIO_SANITIZE=fuzzer-no-link,address,undefined \
+    -DCMAKE_LINK_DEPENDS_NO_SHARED=ON >/dev/null
+cmake --build build-fuzz -j2 >/dev/null || { echo "baseline fuzz build failed"; exit 1; }
+export LSAN_OPTIONS=suppressions=$scratch/tests/sanitizers/lsan.supp:print_suppressions=0
 
 # The test executables of the class a file belongs to.
 tests_for() {
@@ -64,6 +74,31 @@ tests_for() {
     AlsaMixer*|AlsaCard.cpp) echo alsa_mixer_test ;;
     *) echo capture_test playback_test alsa_mixer_test ;;   # shared by every class
     esac
+}
+
+# The fuzz targets that drive the code of a file.
+fuzz_for() {
+    case ${1##*/} in
+    FileInputDevice.cpp) echo fuzz_file_input ;;
+    AudioInputDataProvider*|PcmRing_p.h|Synchronization_p.h|CMDataTransfer.cpp) echo fuzz_provider ;;
+    AlsaOutputDevice.cpp|AudioOutputDevice.cpp|AlsaPcmOpen.cpp) echo fuzz_output_device ;;
+    AlsaMixer*|AlsaCard.cpp) echo fuzz_mixer ;;
+    AudioFile.cpp) echo fuzz_audio_file ;;
+    *Command.cpp|CommandLine.cpp) echo fuzz_command_line ;;
+    AlsaInputDevice.cpp|AlsaDevices.cpp|FileOutputDevice.cpp|PcmSamples.cpp|ProgressLine.cpp|Signals.cpp|main.cpp) ;;
+    *) echo fuzz_file_input fuzz_provider fuzz_output_device fuzz_mixer ;;
+    esac
+}
+
+# replay_corpora LOG FILE: true when the corpora of FILE's fuzz targets all
+# pass with the fault in place (or it has none).
+replay_corpora() {
+    local targets
+    targets=$(fuzz_for "$2")
+    [ -n "$targets" ] || return 0
+    cmake --build build-fuzz -j2 >>"$1" 2>&1 || return 0
+    (cd build-fuzz && ctest --timeout "$timeout" -R "^($(echo $targets | sed 's/\([a-z_]*\)/\1_corpus/g' | tr ' ' '|'))\$" \
+        >>"$1" 2>&1)
 }
 
 # plant ID FILE OLD NEW: exactly one occurrence of OLD must exist.
@@ -108,7 +143,7 @@ while IFS=$'\t' read -r id file old new; do
         if ! cmake --build build -j2 --target quil_audio $tests >"$log" 2>&1; then
             result="invalid (build)"
         elif (cd build && ctest --timeout "$timeout" --stop-on-failure --repeat until-pass:2 \
-                  -R "^($(echo $tests | tr ' ' '|'))\$" >>"$log" 2>&1); then
+                  -R "^($(echo $tests | tr ' ' '|'))\$" >>"$log" 2>&1) && replay_corpora "$log" "$file"; then
             result="missed"
         else
             result="caught ($(grep -m1 -oE '[0-9]+ - [a-z_]+' "$log" | sed 's/^[0-9]* - //' || true))"
@@ -116,7 +151,7 @@ while IFS=$'\t' read -r id file old new; do
     elif ! cmake --build build -j2 >/dev/null 2>&1; then
         result="caught (build)"
     elif (cd build && ctest --timeout "$timeout" --stop-on-failure --repeat until-pass:2 -E "^($skip)\$" \
-              >"$log" 2>&1); then
+              >"$log" 2>&1) && replay_corpora "$log" "$file"; then
         result="missed"
     else
         result="caught ($(grep -m1 -oE '[0-9]+ - [a-z_]+' "$log" | sed 's/^[0-9]* - //' || true))"
@@ -127,6 +162,7 @@ while IFS=$'\t' read -r id file old new; do
     printf '%-44s %-32s %3ds\n' "$id" "$result" $((SECONDS - start)) | tee -a "$report"
 done <"$list"
 cmake --build build -j2 >/dev/null 2>&1
+cmake --build build-fuzz -j2 >/dev/null 2>&1
 echo "caught $caught of $total" | tee -a "$report"
 if [ $generated = 1 ]; then
     {

@@ -128,6 +128,7 @@ bool AudioFile::openForReading(const QString& path, const QString& typeName, con
     if (!isRaw()) {
         m_layout = {static_cast<unsigned int>(info.samplerate), static_cast<unsigned int>(info.channels),
                     formatOfSubtype(info.format & SF_FORMAT_SUBMASK)};
+        m_headerFrames = info.frames == SF_COUNT_MAX ? 0 : info.frames; // the maximum: not known
         sf_command(m_file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
     }
     const bool asStored = isRaw() || readableFormats().contains(m_layout.format);
@@ -173,12 +174,21 @@ bool AudioFile::read(int frames, QByteArray* block)
 {
     block->resize(frames * m_frameBytes);
     sf_count_t done = readFrames(block->data(), frames);
-    // libsndfile's FLAC decoder reports a broken stream only at the read after
-    // the one it cut short: ask once more, to see the end confirmed or the error.
+    // libsndfile's FLAC decoder reports a broken stream only at a read after
+    // the one it cut short, if at all: ask once more, and a container's end
+    // must come where its header says.
     if (done < frames && sf_error(m_file) == SF_ERR_NO_ERROR)
         done += readFrames(block->data() + done * m_frameBytes, frames - done);
     block->resize(static_cast<int>(done) * m_frameBytes);
-    return sf_error(m_file) == SF_ERR_NO_ERROR || fail("read");
+    m_framesRead += done;
+    if (sf_error(m_file) != SF_ERR_NO_ERROR)
+        return fail("read");
+    if (done < frames && m_framesRead < m_headerFrames)
+        return refuse(&m_error, QStringLiteral("cannot read '%1' as %2: it ends after %3 of its %4 frames")
+                                    .arg(m_path, m_typeName.toUpper())
+                                    .arg(m_framesRead)
+                                    .arg(m_headerFrames));
+    return true;
 }
 
 sf_count_t AudioFile::readFrames(char* data, sf_count_t frames)

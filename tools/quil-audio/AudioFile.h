@@ -69,6 +69,8 @@ private:
     Layout m_layout;
     snd_pcm_format_t m_ioFormat = SND_PCM_FORMAT_UNKNOWN; // the frames' format at read() and write()
     int m_frameBytes = 0;
+    sf_count_t m_headerFrames = 0; // a container's frame count, 0 when unknown
+    sf_count_t m_framesRead = 0;
     bool m_seekable = false;
     QString m_error;
 };
