@@ -21,17 +21,6 @@ const snd_pcm_format_t Formats[] = {SND_PCM_FORMAT_S16_LE,     SND_PCM_FORMAT_S3
                                     SND_PCM_FORMAT_FLOAT64_LE, SND_PCM_FORMAT_U8,     SND_PCM_FORMAT_S8,
                                     SND_PCM_FORMAT_S24_3LE,    SND_PCM_FORMAT_S16_BE, SND_PCM_FORMAT_MU_LAW};
 
-QString pickPath(FuzzedDataProvider& input, const char* stem)
-{
-    return quilfuzz::workFile(stem) + QLatin1Char('.') + QLatin1String(input.PickValueInArray(Extensions));
-}
-
-AudioFile::Layout pickLayout(FuzzedDataProvider& input)
-{
-    return {input.ConsumeIntegralInRange(1u, 1000000u), input.ConsumeIntegralInRange(1u, 256u),
-            input.PickValueInArray(Formats)};
-}
-
 // Everything the file holds, in blocks of the sizes the input picks.
 QByteArray readToEnd(AudioFile& file, FuzzedDataProvider& input)
 {
@@ -46,54 +35,9 @@ QByteArray readToEnd(AudioFile& file, FuzzedDataProvider& input)
         ended = block.size() < frames * file.frameBytes();
         all += block;
     }
-    // Past the end: nothing, or the error a decoder noticed late.
+    // Past the end: nothing, or the error of a stream that a decoder found broken late.
     FUZZ_CHECK(file.read(1, &block) ? block.isEmpty() : !file.errorString().isEmpty());
     return all;
-}
-
-void readArbitraryFile(FuzzedDataProvider& input)
-{
-    const QString path = pickPath(input, "in");
-    const QString type = QLatin1String(input.PickValueInArray(TypeNames));
-    const AudioFile::Layout raw = pickLayout(input);
-    QFile out(path);
-    FUZZ_CHECK(out.open(QIODevice::WriteOnly) && out.write(QByteArray::fromStdString(input.ConsumeRandomLengthString())) >= 0);
-    out.close();
-    AudioFile file;
-    if (!file.openForReading(path, type, raw)) {
-        FUZZ_CHECK(!file.errorString().isEmpty());
-        return;
-    }
-    FUZZ_CHECK(file.layout().rate > 0 && file.layout().channels > 0);
-    const QVector<snd_pcm_format_t> readable = AudioFile::readableFormats();
-    if (!file.isRaw())
-        file.setReadFormat(readable[input.ConsumeIntegralInRange<int>(0, int(readable.size()) - 1)]);
-    FUZZ_CHECK(file.frameBytes() > 0);
-    readToEnd(file, input);
-}
-
-void writeAndReadBack(FuzzedDataProvider& input)
-{
-    const QString path = pickPath(input, "out");
-    const QString type = QLatin1String(input.PickValueInArray(TypeNames));
-    const AudioFile::Layout layout = pickLayout(input);
-    const QByteArray frames = QByteArray::fromStdString(input.ConsumeRandomLengthString());
-    AudioFile writer;
-    if (!writer.openForWriting(path, type, layout) || !writer.write(frames) || !writer.close()) {
-        FUZZ_CHECK(!writer.errorString().isEmpty());
-        return;
-    }
-    // libsndfile cannot read back a FLAC file without a frame.
-    if (frames.size() < writer.frameBytes())
-        return;
-    AudioFile reader;
-    FUZZ_CHECK(reader.openForReading(path, type, layout));
-    const bool lossless = reader.isRaw() || (reader.layout().format == layout.format
-                                             && AudioFile::readableFormats().contains(layout.format));
-    if (!lossless)
-        return;
-    const QByteArray whole = frames.left(frames.size() - frames.size() % reader.frameBytes());
-    FUZZ_CHECK(readToEnd(reader, input) == whole);
 }
 
 } // namespace
@@ -104,12 +48,42 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     return 0;
 }
 
+// The input's bytes become the file, as they are or written as frames.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzedDataProvider input(data, size);
-    if (input.ConsumeBool())
-        writeAndReadBack(input);
-    else
-        readArbitraryFile(input);
+    const QString path = quilfuzz::workFile("audio.") + QLatin1String(input.PickValueInArray(Extensions));
+    const QString type = QLatin1String(input.PickValueInArray(TypeNames));
+    const AudioFile::Layout layout{input.ConsumeIntegralInRange(1u, 1000000u), input.ConsumeIntegralInRange(1u, 256u),
+                                   input.PickValueInArray(Formats)};
+    const bool written = input.ConsumeBool();
+    const QByteArray bytes = QByteArray::fromStdString(input.ConsumeRandomLengthString());
+    if (written) {
+        AudioFile writer;
+        if (!writer.openForWriting(path, type, layout) || !writer.write(bytes) || !writer.close()) {
+            FUZZ_CHECK(!writer.errorString().isEmpty());
+            return 0;
+        }
+    } else {
+        QFile file(path);
+        FUZZ_CHECK(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+    }
+    AudioFile reader;
+    if (!reader.openForReading(path, type, layout)) {
+        // libsndfile cannot read back a FLAC file without a frame.
+        const auto frameBytes = static_cast<int>(snd_pcm_format_size(layout.format, layout.channels));
+        FUZZ_CHECK(!reader.errorString().isEmpty() && (!written || bytes.size() < frameBytes));
+        return 0;
+    }
+    FUZZ_CHECK(reader.layout().rate > 0 && reader.layout().channels > 0);
+    const QVector<snd_pcm_format_t> readable = AudioFile::readableFormats();
+    const bool lossless =
+        written && (reader.isRaw() || (reader.layout().format == layout.format && readable.contains(layout.format)));
+    if (!reader.isRaw() && !lossless)
+        reader.setReadFormat(readable[input.ConsumeIntegralInRange<int>(0, int(readable.size()) - 1)]);
+    FUZZ_CHECK(reader.frameBytes() > 0);
+    const QByteArray all = readToEnd(reader, input);
+    FUZZ_CHECK(!lossless || all == bytes.left(bytes.size() - bytes.size() % reader.frameBytes()));
+    FUZZ_CHECK(!reader.errorString().isEmpty() || all.size() / reader.frameBytes() >= reader.headerFrames());
     return 0;
 }

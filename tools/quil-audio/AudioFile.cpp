@@ -173,16 +173,13 @@ bool AudioFile::openForWriting(const QString& path, const QString& typeName, con
 bool AudioFile::read(int frames, QByteArray* block)
 {
     block->resize(frames * m_frameBytes);
-    sf_count_t done = readFrames(block->data(), frames);
-    // libsndfile's FLAC decoder reports a broken stream only at a read after
-    // the one it cut short, if at all: ask once more, and a container's end
-    // must come where its header says.
-    if (done < frames && sf_error(m_file) == SF_ERR_NO_ERROR)
-        done += readFrames(block->data() + done * m_frameBytes, frames - done);
+    const sf_count_t done = readFrames(block->data(), frames);
     block->resize(static_cast<int>(done) * m_frameBytes);
     m_framesRead += done;
     if (sf_error(m_file) != SF_ERR_NO_ERROR)
         return fail("read");
+    // libsndfile's FLAC decoder reports a broken stream late or not at all:
+    // a container's end must come where its header says.
     if (done < frames && m_framesRead < m_headerFrames)
         return refuse(&m_error, QStringLiteral("cannot read '%1' as %2: it ends after %3 of its %4 frames")
                                     .arg(m_path, m_typeName.toUpper())

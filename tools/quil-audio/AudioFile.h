@@ -42,6 +42,9 @@ public:
     bool isRaw() const { return m_sfFormat == SF_FORMAT_RAW; }
     /// Bytes per frame at read() and write().
     int frameBytes() const { return m_frameBytes; }
+    /// A container's frame count as its header gives it; 0 when unknown and
+    /// for raw files. read() fails at an end that comes before it.
+    sf_count_t headerFrames() const { return m_headerFrames; }
     /// A regular file, as opposed to a pipe or a terminal.
     bool isSeekable() const { return m_seekable; }
 
