@@ -8,20 +8,19 @@
 
 #include "FuzzSupport.h"
 
+#include <QSemaphore>
 #include <QThread>
 #include <QtEndian>
 
 #include <cerrno>
 #include <climits>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
 #include <vector>
 
 namespace {
 
-// Each frame is its 1-based number in the stream (4 bytes, little endian); 0 is
-// silence. Reads wait at a gate that the input opens read by read.
+// Frame n of the stream is n (4 bytes, little endian); 0 is silence. Each read
+// waits for a permit: the worker is idle once it entered one more read than
+// were permitted.
 class CounterDevice : public AudioInputDevice {
 public:
     bool open() override { return setErrorString(failOpen ? "open refused" : "", -ENODEV), ++opens, opened = !failOpen; }
@@ -29,10 +28,7 @@ public:
     bool isOpened() override { return opened; }
     bool read(QByteArray* buffer, int frames) override
     {
-        std::unique_lock<std::mutex> lock(mutex);
-        ++waiting;
-        gate.wait(lock, [this] { return free || permits > 0; });
-        --waiting, permits -= permits > 0;
+        ++entered, gate.acquire();
         if (failRead.exchange(false))
             return ++failures, setErrorString(QStringLiteral("read failed"), -EIO), false;
         buffer->resize(frames * 4);
@@ -44,31 +40,18 @@ public:
     int bytesPerSample() const override { return 2; }
     int channelCount() const override { return 2; }
     QString name() const override { return QStringLiteral("Counter"); }
-    // Lets that many more reads through, or every read until the next call.
-    void let(int reads, bool all = false)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        permits = all ? 0 : permits + reads, free = all;
-        gate.notify_all();
-    }
-    bool idle()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return waiting > 0 && permits == 0;
-    }
+    void let(int reads) { permitted += reads, gate.release(reads); }
+    bool idle() const { return entered == permitted + 1; }
 
-    std::mutex mutex;
-    std::condition_variable gate;
-    int waiting = 0, permits = 0, rate = 48000;
-    bool free = false;
+    QSemaphore gate;
     std::atomic<bool> failOpen{false}, failRead{false}, opened{false};
-    std::atomic<int> opens{0}, failures{0};
-    quint32 delivered = 0; // read by the fuzzing thread only while the device is idle
+    std::atomic<int> opens{0}, failures{0}, entered{0}, permitted{0}, rate{48000};
+    quint32 delivered = 0; // read by the fuzzing thread only while the worker is idle
 };
 
-// Each counter frame follows the one before; silence only before the provider's
-// first frame, or anywhere once muted (a muted block may be of any length:
-// docs/reliability.md).
+// Each counter frame follows the one before; silence only before the
+// provider's first frame, or anywhere once muted (a muted block may be of any
+// length: docs/reliability.md).
 bool gapless(const QByteArray& bytes, bool mutedEver, quint32 firstFrame)
 {
     quint32 previous = 0, last = 0;
@@ -90,11 +73,12 @@ template <class Condition> void settle(Condition condition)
     }
 }
 
-// A feed and a buffered transfer that keeps what it received, for this thread to take.
+// A feed, what it received so far, and where the blocks it receives are kept.
 struct Feed {
     CMDataTransfer transfer;
     CMBufferedDataTransfer kept;
     QByteArray bytes;
+    const QByteArray& take() { return bytes += kept.readAll(); }
 };
 
 } // namespace
@@ -114,22 +98,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::unique_ptr<AudioInputDataProvider> provider;
     std::vector<Feed> feeds;
     bool mutedEver = false;
-    quint32 firstFrame = 0; // the device's next frame when the provider was made
+    quint32 firstFrame = 0;
     const auto state = [&] { return provider->captureStatus().state; };
     // A run in progress ends after its current read, finishing every feed and closing the device.
     const auto end = [&](bool destroy) {
         const bool ran = state() != State::Stopped;
         if (!destroy)
             provider->stop();
-        device.let(0, true);
-        if (destroy)
-            provider.reset();
-        settle([&] { return destroy || state() == State::Stopped; });
+        device.let(1 << 20);
+        destroy ? provider.reset() : settle([&] { return state() == State::Stopped; });
         QCoreApplication::sendPostedEvents(); // the worker's thread object goes through this thread's loop
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        for (const Feed& feed : feeds)
+        for (const auto& feed : feeds)
             FUZZ_CHECK((feed.transfer.isFinished() || !ran) && !device.opened);
-        device.let(0);
+        device.gate.acquire(device.gate.available());
+        device.permitted = device.entered.load();
     };
     const auto create = [&] {
         provider = std::make_unique<AudioInputDataProvider>(&device, ringMs, readFrames);
@@ -153,20 +136,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             end(false);
             break;
         case 2:
-            device.let(input.ConsumeIntegralInRange(1, 8));
-            settle([&] { return device.idle() || state() != State::Running; });
-            break;
         case 3: {
-            // The newest bytes of the ring, up to the newest frame; a ring that
-            // was ever muted may have grown to the process-wide silence block.
+            // Reads while a feed is requested, or a feed of the idle worker:
+            // the newest bytes of the ring (which muting may have grown to
+            // the process-wide silence block), ending with the newest frame.
+            device.let(input.ConsumeIntegralInRange(0, 8));
+            const bool racing = !device.idle() && state() == State::Running;
             const int offsetMs = input.ConsumeBool() ? input.ConsumeIntegral<int>() : input.ConsumeIntegralInRange(-10, ringMs + 50);
-            const int racing = input.ConsumeIntegralInRange(0, 3); // reads that run meanwhile
-            device.let(racing);
             const CMBufferedDataTransfer feed = provider->liveFeedWithOffset(offsetMs);
             feeds.push_back(Feed{feed, feed, {}});
             const qint64 prefill = ringMs > 0 ? qMin(msToBytes(offsetMs), msToBytes(ringMs)) : 0;
-            const QByteArray& bytes = feeds.back().bytes += feeds.back().kept.readAll();
-            const bool newest = prefill == 0 || bytes.size() >= prefill && qFromLittleEndian<quint32>(bytes.constData() + prefill - 4) == (device.delivered < firstFrame ? 0 : device.delivered);
+            const QByteArray& bytes = feeds.back().take();
+            const bool newest = prefill == 0 || (bytes.size() >= prefill && qFromLittleEndian<quint32>(bytes.constData() + prefill - 4) == (device.delivered < firstFrame ? 0 : device.delivered));
             FUZZ_CHECK(mutedEver ? racing || bytes.size() <= msToBytes(offsetMs) : bytes.size() >= prefill && (racing || (bytes.size() == prefill && newest)));
             settle([&] { return device.idle() || state() != State::Running; });
             break;
@@ -174,13 +155,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         case 4:
             feeds[input.ConsumeIntegralInRange<size_t>(0, feeds.size() - 1)].transfer.finish(CMError());
             break;
-        case 5: {
-            const bool muted = input.ConsumeBool();
-            provider->setMuteState(muted);
-            FUZZ_CHECK(provider->isMuted() == muted);
-            mutedEver |= muted;
+        case 5:
+            provider->setMuteState(input.ConsumeBool());
+            mutedEver |= provider->isMuted();
             break;
-        }
         case 6:
             device.failRead = true;
             break;
@@ -192,7 +170,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const char* reason = now.state == State::Restarting ? "read failed" : now.state == State::Running || now.errorString.isEmpty() ? "" : "open refused";
         FUZZ_CHECK(now.restartCount == device.failures && now.errorString == reason && now.errorCode == (*reason ? now.state == State::Stopped ? -ENODEV : -EIO : 0));
         for (Feed& feed : feeds)
-            FUZZ_CHECK(gapless(feed.bytes += feed.kept.readAll(), mutedEver, firstFrame));
+            FUZZ_CHECK(gapless(feed.take(), mutedEver, firstFrame));
     }
     end(true);
     return 0;
