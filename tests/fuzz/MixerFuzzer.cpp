@@ -23,26 +23,29 @@ const double Gains[] = {NAN, INFINITY, -INFINITY, 0, -10.555, -50, 1e300, -1e300
 const long Volumes[] = {LONG_MIN, -1, 0, 1, 31, 100, 101, LONG_MAX};
 const int Modes[] = {Playback, Capture, -1, 2, INT_MIN, INT_MAX};
 
-using Held = std::pair<AlsaMixerElementPtr, int>; // and the mixer it was loaded from, by generation
+using Held = std::pair<AlsaMixerElementPtr, bool>; // and whether its mixer closed itself
 
 QString elementName(FuzzedDataProvider& in)
 {
-    static const QString names[] = {"Master", "MASTER", "master mono", "zoom", "Aux", "Input Source", "input",
-                                    "Capture", "Headphone", "Inactive", "", "Speaker", QString::fromUtf8("Mäster"),
+    static const QString names[] = {"Master",  "MASTER",    "master mono", "zoom",     "Aux", "Input Source", "input",
+                                    "Capture", "Headphone", "Inactive",    "",         "Speaker", QString::fromUtf8("Mäster"),
                                     QString::fromUtf8("Mas\0ter", 7)};
-    if (in.ConsumeBool())
-        return in.PickValueInArray(names);
-    const std::string raw = in.ConsumeRandomLengthString(24);
+    const std::string raw = in.ConsumeBool() ? in.PickValueInArray(names).toStdString() : in.ConsumeRandomLengthString(24);
     return QString::fromUtf8(raw.data(), int(raw.size()));
 }
 
-// The element's controls after any change: values within their ranges, any
-// mode but 0 read as capture, the enumeration listing exactly its items.
-void checkLive(AlsaMixerElement& e, AlsaElementMode mode, FuzzedDataProvider& in)
+// A live element after a change: values within their ranges, a gain and a switch
+// read back as set, any mode but 0 read as capture, the enumeration listing its items.
+void checkLive(AlsaMixerElement& e, AlsaElementMode mode, FuzzedDataProvider& in, double gain, int which, bool ok)
 {
     long min = 0, max = 0, value = 0, capture = 0;
+    double dB = NAN, wanted = std::clamp(gain, -50.0, 0.0); // the test mixer's scale, in 0.5 dB steps
+    bool on = which != 2;
     FUZZ_CHECK(!e.getVolumeRange(&min, &max, mode) || !e.getVolume(&value, mode) || (min <= value && value <= max));
     FUZZ_CHECK(mode == Playback || (e.getVolume(&capture, Capture) == e.getVolume(&value, mode) && capture == value));
+    FUZZ_CHECK(!ok || which != 0 || std::isnan(gain) || !e.hasDB(mode)
+               || (e.getDB(&dB, mode) && dB <= wanted && dB > wanted - 0.51));
+    FUZZ_CHECK(!ok || which != 2 || !e.hasSwitch(mode) || (e.getSwitch(&on, mode) && on == (gain != 0)));
     const size_t items = e.getEnumSize();
     FUZZ_CHECK(items == (e.name() == "Input Source" ? 4u : 0u) && e.isEnumerated() == (items > 0));
     QString item;
@@ -78,51 +81,47 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzedDataProvider in(data, size);
     std::unique_ptr<AlsaCard> card(new AlsaCard(device, true));
     std::vector<Held> held;
-    std::vector<bool> closed{false}; // per generation: its mixer closed itself
     for (int step = 0; step < 48 && in.remaining_bytes() > 0; ++step) {
         const int op = in.ConsumeIntegralInRange(0, 5);
         if (op == 0 && card) {
             const QString name = elementName(in);
-            QString expected; // an exact match, else the first that contains the name
-            for (const QString& full : card->elementNames())
+            QString expected; // an exact match, else the first that contains the name; never an inactive one
+            for (const QString& full : card->elementNames()) {
+                FUZZ_CHECK(full != "Inactive");
                 if (!name.isEmpty() && full.contains(name, Qt::CaseInsensitive)
                     && (expected.isEmpty() || full.compare(name, Qt::CaseInsensitive) == 0))
                     expected = full;
+            }
             const AlsaMixerElementPtr element = card->loadMixerElement(name);
             FUZZ_CHECK(element ? element->name() == expected && card->loadMixerElement(name) == element
                                : expected.isEmpty() && card->errorCode() == 0 && !card->errorString().isEmpty());
             if (element)
-                held.push_back({element, int(closed.size()) - 1});
+                held.push_back({element, false});
         } else if (op == 1 && !held.empty()) {
             const Held& h = held[in.ConsumeIntegralInRange<size_t>(0, held.size() - 1)];
-            AlsaMixerElement& e = *h.first;
             const auto mode = AlsaElementMode(in.PickValueInArray(Modes));
-            if (closed[h.second]) {
-                checkRetired(e, mode);
+            if (h.second) {
+                checkRetired(*h.first, mode);
                 continue;
             }
+            AlsaMixerElement& e = *h.first;
             const int which = in.ConsumeIntegralInRange(0, 3);
-            const bool ok = which == 0   ? e.setDB(in.ConsumeBool() ? in.PickValueInArray(Gains) : in.ConsumeFloatingPoint<double>(), mode)
+            const double gain = in.ConsumeBool() ? in.PickValueInArray(Gains) : in.ConsumeFloatingPoint<double>();
+            const bool ok = which == 0   ? e.setDB(gain, mode)
                             : which == 1 ? e.setVolume(in.ConsumeBool() ? in.PickValueInArray(Volumes) : in.ConsumeIntegral<long>(), mode)
-                            : which == 2 ? e.setSwitch(in.ConsumeBool(), mode)
+                            : which == 2 ? e.setSwitch(gain != 0, mode)
                                          : e.setEnum(in.ConsumeIntegral<unsigned int>());
             FUZZ_CHECK(ok || (e.errorCode() != 0 && !e.errorString().isEmpty()));
-            checkLive(e, mode, in);
+            checkLive(e, mode, in, gain, which, ok);
         } else if (op == 2) {
             card.reset(); // its elements keep their mixer open
+        } else if (op == 3 && !card) {
+            // Only the newest card's mixer may read the FIFO: the live elements of the others go.
+            held.erase(std::remove_if(held.begin(), held.end(), [](const Held& h) { return !h.second; }), held.end());
+            card.reset(new AlsaCard(device, false));
         } else if (op == 3) {
-            const bool wasOpen = card && card->isOpen();
-            if (!card)
-                card.reset(new AlsaCard(device, false));
             FUZZ_CHECK(card->open() && card->isOpen() && card->errorString().isEmpty() && card->errorCode() == 0);
-            if (!wasOpen)
-                closed.push_back(false);
         } else if (op == 4 && card && card->isOpen()) {
-            // Only this card's mixer may read the FIFO: others' elements go.
-            const int current = int(closed.size()) - 1;
-            held.erase(std::remove_if(held.begin(), held.end(),
-                                      [&](const Held& h) { return h.second != current && !closed[h.second]; }),
-                       held.end());
             const QByteArray line = in.ConsumeBool() ? "pollerr\n" : "dead\n";
             const int fd = ::open(Fifo.constData(), O_WRONLY | O_NONBLOCK);
             FUZZ_CHECK(fd >= 0 && ::write(fd, line.constData(), line.size()) == line.size());
@@ -130,7 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             for (int i = 0; i < 100 && card->isOpen(); ++i)
                 QCoreApplication::processEvents();
             FUZZ_CHECK(!card->isOpen() && !card->errorString().isEmpty() && card->elementNames().isEmpty());
-            closed[current] = true;
+            for (Held& h : held)
+                h.second = true;
         } else if (op == 5 && !held.empty()) {
             held.pop_back();
         }
