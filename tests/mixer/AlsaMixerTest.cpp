@@ -36,17 +36,9 @@ protected:
 
 } // namespace
 
-TEST_F(MixerTest, HandleListsGuessesAndFindsElementsAndEveryFailingOpenStepFailsCleanly)
+// Element lookup (exact before partial, never an inactive one): fuzz_mixer.
+TEST_F(MixerTest, EveryFailingOpenStepFailsCleanly)
 {
-    auto handle = AlsaMixerHandle::openHandle("testmix");
-    ASSERT_TRUE(handle);
-    EXPECT_FALSE(handle->buildElementList().contains("Inactive"));
-    // An exact name beats a partial match listed before it ("Aux Zoom").
-    const QPair<QString, QString> guesses[] = {{"master", "Master"}, {"MONO", "Master Mono"}, {"zoom", "Zoom"},
-                                               {"Speaker", ""}, {"", "Master"}};
-    for (const auto& guess : guesses)
-        EXPECT_EQ(handle->guessElementName(guess.first), guess.second) << guess.first.toStdString();
-    handle.reset();
     for (const char* step : {"snd_mixer_open", "snd_mixer_attach", "snd_mixer_selem_register", "snd_mixer_load",
                              "snd_mixer_poll_descriptors_count", "snd_mixer_poll_descriptors"}) {
         AlsaCard card("testmix", false);
@@ -101,18 +93,11 @@ TEST_F(MixerTest, EveryControlFailureFailsCleanly)
 TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
 {
     AlsaCard card("testmix", false);
-    EXPECT_FALSE(card.loadMixerElement("master"));
-    EXPECT_EQ(std::make_pair(card.errorString(), card.errorCode()), std::make_pair(QString("Cannot load mixer element, not opened testmix"), 0));
-    EXPECT_TRUE(card.elementNames().isEmpty());
     ASSERT_TRUE(card.open());
     EXPECT_TRUE(card.open());
     EXPECT_EQ(faults::calls("snd_mixer_open"), 1);
-    EXPECT_EQ(card.elementNames(), AlsaMixerHandle::openHandle("testmix")->buildElementList());
-    EXPECT_FALSE(card.loadMixerElement(""));
-    EXPECT_FALSE(card.loadMixerElement("Speaker"));
     AlsaMixerElementPtr master = card.loadMixerElement("master");
     ASSERT_TRUE(master);
-    EXPECT_EQ(master, card.loadMixerElement("MASTER"));
     auto zoom = card.loadMixerElement("Zoom");
     QSignalSpy spy(master.data(), &AlsaMixerElement::changed);
     command("set Master Playback Volume 10");
@@ -124,27 +109,6 @@ TEST_F(MixerTest, CardSharesOneElementPerNameAndSignalsExternalChanges)
     command("set Zoom Playback Volume 9");
     ASSERT_TRUE(zoomSpy.wait(2000));
     EXPECT_EQ(spy.count(), 1);
-}
-
-// dB in hundredths, truncated toward zero, on the side asked for; the test
-// mixer's scale (-50 dB + 0.5 dB a step) rounds a setting down to its step.
-TEST_F(MixerTest, DecibelsAreSetAndReadInHundredthsOnEitherSide)
-{
-    AlsaCard card("testmix", true);
-    struct Case { const char* element; AlsaElementMode mode; double set; long volume; double dB; };
-    for (const Case& c : {Case{"Master", Playback, -10.555, 78, -11.0}, Case{"Capture", Capture, -0.6, 98, -1.0}}) {
-        SCOPED_TRACE(c.element);
-        auto element = card.loadMixerElement(c.element);
-        ASSERT_TRUE(element && element->hasDB(c.mode));
-        long volume = 0;
-        double dB = 0;
-        EXPECT_TRUE(element->setDB(c.set, c.mode) && element->getVolume(&volume, c.mode) && element->getDB(&dB, c.mode));
-        EXPECT_EQ(std::make_pair(volume, dB), std::make_pair(c.volume, c.dB));
-    }
-    EXPECT_FALSE(card.loadMixerElement("Headphone")->hasDB(Playback));
-    bool on = true;
-    const AlsaMixerElementPtr master = card.loadMixerElement("Master");
-    EXPECT_TRUE(master->setSwitch(false, Playback) && master->getSwitch(&on, Playback) && !on);
 }
 
 // A poll error or a dead backend closes the mixer for good, without spinning,
@@ -173,21 +137,13 @@ TEST_F(MixerTest, ElementsOfAClosedMixerOrRemovedByAlsaAreRetiredAndReplaced)
         EXPECT_EQ(card.isOpen(), !closes);
         EXPECT_EQ(m_log.errors().size(), closes ? 1 : 0);
         EXPECT_EQ(faults::openHandles(), closes ? 0 : 1);
-        // Every operation of the old element fails, leaves its outputs alone,
-        // never calls ALSA's mixer and logs why.
+        // The old element fails without calling ALSA's mixer and logs why
+        // (every operation, with its outputs left alone: fuzz_mixer).
         faults::reset();
         m_log.clear();
-        double dB = 1;
-        long volume = 2;
-        unsigned int item = 5;
-        const bool results[] = {old->setDB(-1, Playback), old->getDB(&dB, Capture), old->hasDB(Playback),
-                                old->getVolume(&volume, Playback), old->setSwitch(false, Playback), old->isEnumerated(),
-                                old->getEnum(&item)};
-        EXPECT_EQ(std::count(std::begin(results), std::end(results), true), 0);
-        EXPECT_TRUE(dB == 1 && volume == 2 && item == 5);
+        EXPECT_FALSE(old->setDB(-1, Playback));
         EXPECT_EQ(faults::calls("snd_mixer_"), 0);
-        EXPECT_EQ(m_log.errors(), QVector<QString>(5, "Mixer element Master is no longer available").toList());
-        EXPECT_EQ(old->errorCode(), 0);
+        EXPECT_EQ(m_log.errors(), QStringList{"Mixer element Master is no longer available"});
         const std::clock_t cpu = std::clock();
         QEventLoop idle;
         QTimer::singleShot(300, &idle, &QEventLoop::quit);

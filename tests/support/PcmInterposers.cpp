@@ -34,7 +34,6 @@ QUIL_INTERPOSE(int, snd_pcm_sw_params_set_tstamp_mode, (Pcm* pcm, Sw* p, snd_pcm
 QUIL_INTERPOSE(int, snd_pcm_sw_params_set_tstamp_type, (Pcm* pcm, Sw* p, snd_pcm_tstamp_type_t v), (pcm, p, v))
 QUIL_INTERPOSE(int, snd_pcm_sw_params, (Pcm* pcm, Sw* p), (pcm, p))
 QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_readi, (Pcm* pcm, void* buffer, Frames frames), (pcm, buffer, frames))
-QUIL_INTERPOSE(snd_pcm_sframes_t, snd_pcm_writei, (Pcm* pcm, const void* buffer, Frames frames), (pcm, buffer, frames))
 QUIL_INTERPOSE(int, snd_pcm_prepare, (Pcm* pcm), (pcm))
 QUIL_INTERPOSE(int, snd_pcm_start, (Pcm* pcm), (pcm))
 QUIL_INTERPOSE(int, snd_pcm_drain, (Pcm* pcm), (pcm))
