@@ -183,6 +183,288 @@ double median(std::vector<qint64> v)
 
 void silentAlsaErrors(const char*, int, const char*, int, const char*, ...) {}
 
+// ALSA's own messages silenced; the library's warnings and errors go to the
+// counter, which the logger owns.
+ErrorCounter* countLibraryErrors()
+{
+    snd_lib_error_set_handler(silentAlsaErrors);
+    auto* counter = new ErrorCounter;
+    log4cplus::Logger logger = log4cplus::Logger::getInstance("AudioLib");
+    logger.setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    logger.addAppender(log4cplus::SharedAppenderPtr(counter));
+    return counter;
+}
+
+struct Settings {
+    QString pcm, server, serverDir;
+    int seconds = 0;
+    unsigned seed = 0;
+};
+
+Settings readSettings(const QStringList& args)
+{
+    Settings settings;
+    settings.pcm = args[1];
+    settings.server = args[2];
+    settings.serverDir = args[3];
+    settings.seconds = args[4].toInt();
+    settings.seed = args.size() > 5 ? args[5].toUInt() : static_cast<unsigned>(getpid());
+    return settings;
+}
+
+struct CaptureFigures {
+    std::atomic<qint64> delivered{0};
+    std::atomic<int> openFailures{0};
+    int feedsTaken = 0, hostStarts = 0, newMainFeeds = 0;
+};
+
+// Capture: a live feed, and time-shifted feeds that attach and detach.
+class CaptureHost {
+public:
+    CaptureHost(const QString& pcm, Shared* shared, std::mt19937* random);
+    quil::CaptureStatus status() const { return m_provider.captureStatus(); }
+    const CaptureFigures& figures() const { return m_figures; }
+    void stopFeedChurn() { m_feedChurn.stop(); }
+    void stop();
+
+private:
+    void watch(CMDataTransfer& feed, bool main);
+    void churnFeeds();
+    void restartAfterError();
+
+    Shared* m_shared;
+    std::mt19937* m_random;
+    CaptureFigures m_figures;
+    AlsaInputDevice m_device;
+    AudioInputDataProvider m_provider;
+    CMDataTransfer m_mainFeed;
+    QList<QPair<qint64, CMBufferedDataTransfer>> m_shiftedFeeds;
+    QTimer m_feedChurn;
+    QTimer m_hostRetry;
+};
+
+CaptureHost::CaptureHost(const QString& pcm, Shared* shared, std::mt19937* random)
+    : m_shared(shared)
+    , m_random(random)
+    , m_device(pcm, 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 200)
+    , m_provider(&m_device, 2000, 960)
+    , m_mainFeed(m_provider.liveFeed())
+{
+    watch(m_mainFeed, true);
+    QObject::connect(&m_feedChurn, &QTimer::timeout, [this] { churnFeeds(); });
+    m_feedChurn.start(700);
+    QObject::connect(&m_hostRetry, &QTimer::timeout, [this] { restartAfterError(); });
+    m_hostRetry.start(2000);
+    m_provider.setCaptureStatusListener([this](const quil::CaptureStatus& status) {
+        if (status.state == quil::CaptureState::Stopped && !status.errorString.isEmpty())
+            ++m_figures.openFailures;
+    });
+    m_provider.start();
+}
+
+void CaptureHost::stop()
+{
+    m_hostRetry.stop();
+    m_provider.stop();
+}
+
+void CaptureHost::watch(CMDataTransfer& feed, bool main)
+{
+    feed.onDataAvailable([this, main](const QByteArray& block) {
+        m_figures.delivered += block.size();
+        if (main)
+            noteBlock(m_shared);
+    });
+}
+
+void CaptureHost::churnFeeds()
+{
+    for (int i = m_shiftedFeeds.size() - 1; i >= 0; --i) {
+        if (m_shiftedFeeds[i].first < nowMs()) {
+            m_shiftedFeeds[i].second.finish(CMError());
+            m_shiftedFeeds.removeAt(i);
+        }
+    }
+    if (m_shiftedFeeds.size() < 6) {
+        CMBufferedDataTransfer feed =
+            m_provider.liveFeedWithOffset(std::uniform_int_distribution<int>(0, 2000)(*m_random));
+        watch(feed, false);
+        m_shiftedFeeds.append({nowMs() + std::uniform_int_distribution<int>(500, 5000)(*m_random), feed});
+        ++m_figures.feedsTaken;
+    }
+}
+
+// The README's recipe: while capture is stopped with an error (its device
+// did not open), start it again every 2 s from this thread (a repeated
+// failure changes no status, so the listener alone would not do); a live
+// feed that a stop finished is replaced by a time-shifted feed at offset 0.
+void CaptureHost::restartAfterError()
+{
+    const quil::CaptureStatus status = m_provider.captureStatus();
+    if (status.state != quil::CaptureState::Stopped || status.errorString.isEmpty())
+        return;
+    ++m_figures.hostStarts;
+    m_provider.start();
+    if (m_mainFeed.isFinished()) {
+        m_mainFeed = m_provider.liveFeedWithOffset(0);
+        watch(m_mainFeed, true);
+        ++m_figures.newMainFeeds;
+    }
+}
+
+struct MixerFigures {
+    long changes = 0, reopens = 0, sets = 0;
+};
+
+// Mixer: "Master" watched, set every half second, the card opened again
+// after it closed itself.
+class MixerHost {
+public:
+    MixerHost(const QString& pcm, std::mt19937* random);
+    const MixerFigures& figures() const { return m_figures; }
+    void stop() { m_timer.stop(); }
+
+private:
+    void tick();
+
+    std::mt19937* m_random;
+    AlsaCard m_card;
+    AlsaMixerElementPtr m_master;
+    MixerFigures m_figures;
+    QTimer m_timer;
+};
+
+MixerHost::MixerHost(const QString& pcm, std::mt19937* random)
+    : m_random(random)
+    , m_card(pcm, true)
+{
+    QObject::connect(&m_timer, &QTimer::timeout, [this] { tick(); });
+    m_timer.start(500);
+}
+
+void MixerHost::tick()
+{
+    if (!m_card.isOpen()) {
+        m_master.reset();
+        if (!m_card.open())
+            return;
+        ++m_figures.reopens;
+    }
+    if (!m_master) {
+        m_master = m_card.loadMixerElement(QStringLiteral("Master"));
+        if (m_master)
+            QObject::connect(m_master.data(), &AlsaMixerElement::changed, [this] { ++m_figures.changes; });
+        return;
+    }
+    long min = 0, max = 0;
+    if (m_master->getVolumeRange(&min, &max, Playback) && max > min
+        && m_master->setVolume(std::uniform_int_distribution<long>(min, max)(*m_random), Playback))
+        ++m_figures.sets;
+}
+
+// Resources once everything runs, and every 10 s. A capture that is
+// "running" but has delivered nothing for 30 s is stuck inside the device's
+// read(), which nothing can end; the run ends there, as it does when the
+// process has grown by 300 MB (a PCM that fails in a loop may leak).
+class Watchdog {
+public:
+    Watchdog(const CaptureHost* capture, const Shared* shared, int seconds);
+    Resources first() const { return m_first; }
+    Resources last() const { return m_last; }
+    const QList<Resources>& samples() const { return m_samples; }
+    qint64 stalledAtMs() const { return m_stalledAtMs; }
+    qint64 longestRunningGapMs() const { return m_longestRunningGapMs; }
+
+private:
+    void check();
+
+    const CaptureHost* m_capture;
+    const Shared* m_shared;
+    int m_seconds;
+    Resources m_first, m_last;
+    QList<Resources> m_samples;
+    qint64 m_stalledAtMs = -1, m_longestRunningGapMs = 0;
+    QTimer m_sampler;
+};
+
+Watchdog::Watchdog(const CaptureHost* capture, const Shared* shared, int seconds)
+    : m_capture(capture)
+    , m_shared(shared)
+    , m_seconds(seconds)
+{
+    // The first sample after 5 s, once start-up has settled, then one a second.
+    QObject::connect(&m_sampler, &QTimer::timeout, [this] {
+        m_sampler.setInterval(1000);
+        check();
+    });
+    m_sampler.start(5000);
+}
+
+void Watchdog::check()
+{
+    m_last = sampleResources();
+    if (nowMs() / 1000 % 10 == 5 || m_samples.isEmpty())
+        m_samples << m_last;
+    m_first = m_samples.first();
+    const bool running = m_capture->status().state == quil::CaptureState::Running;
+    if (running)
+        m_longestRunningGapMs = std::max(m_longestRunningGapMs, nowMs() - m_shared->lastBlockMs);
+    const bool stuck = running && nowMs() - m_shared->lastBlockMs > 30000;
+    if (m_stalledAtMs < 0 && (stuck || m_last.rssKb > m_first.rssKb + 300000))
+        m_stalledAtMs = nowMs();
+    if (m_stalledAtMs >= 0 || nowMs() >= m_seconds * 1000LL)
+        QCoreApplication::quit();
+}
+
+// The "key value" lines: scripts/fault-soak.sh picks its table's rows by key.
+void report(const Settings& settings, Shared* shared, const CaptureHost& capture, const PlaybackFigures& playback,
+            const MixerHost& mixer, const ErrorCounter& errors, const Watchdog& watchdog)
+{
+    const CaptureFigures& c = capture.figures();
+    std::printf("pcm %s\nseconds %d\nseed %u\n", qPrintable(settings.pcm), settings.seconds, settings.seed);
+    std::printf("kills %d\nserver_returns %d\nkills_resumed %d\n", shared->kills.load(), shared->returns.load(),
+                shared->resumed.load());
+    std::printf("status_restarts %d\nopen_failures %d\nhost_starts %d\nnew_main_feeds %d\n",
+                capture.status().restartCount, c.openFailures.load(), c.hostStarts, c.newMainFeeds);
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        const qint64 worst = shared->resumeDelays.empty()
+                                 ? -1
+                                 : *std::max_element(shared->resumeDelays.begin(), shared->resumeDelays.end());
+        std::printf("resume_ms_median %.0f\nresume_ms_max %lld\n", median(shared->resumeDelays),
+                    static_cast<long long>(worst));
+    }
+    const qint64 stalledAtMs = watchdog.stalledAtMs();
+    std::printf("capture_stalled_at_s %lld\nfeeds_taken %d\ndelivered_mb %.1f\n",
+                static_cast<long long>(stalledAtMs < 0 ? -1 : stalledAtMs / 1000), c.feedsTaken, c.delivered / 1e6);
+    std::printf("playback_writes %ld\nplayback_xruns %ld\nplayback_closes %ld\nplayback_reopens %ld\n"
+                "playback_xrun_reopens %ld\n",
+                playback.writes.load(), playback.xruns.load(), playback.closes.load(), playback.reopens.load(),
+                playback.xrunReopens.load());
+    const MixerFigures& m = mixer.figures();
+    std::printf("mixer_reopens %ld\nmixer_changes %ld\nmixer_sets %ld\nerror_lines %ld\n", m.reopens, m.changes, m.sets,
+                errors.errors.load());
+    const Resources first = watchdog.first(), last = watchdog.last();
+    std::printf("rss_kb %ld %ld\nfds %d %d\nthreads %d %d\n", first.rssKb, last.rssKb, first.fds, last.fds,
+                first.threads, last.threads);
+    QStringList rss;
+    for (const Resources& r : watchdog.samples())
+        rss << QString::number(r.rssKb);
+    std::printf("rss_samples %s\n", qPrintable(rss.join(' ')));
+    std::printf("first_kill_at_s %.1f\nlongest_running_gap_s %lld\n", shared->firstKillMs / 1000.0,
+                static_cast<long long>(watchdog.longestRunningGapMs() / 1000));
+}
+
+// A capture or playback stuck inside ALSA can be neither stopped nor
+// destroyed: the figures are out, so leave without waiting for it.
+bool stuckInAlsa(const CaptureHost& capture, const Shared& shared, const Watchdog& watchdog)
+{
+    const bool captureStuck =
+        capture.status().state == quil::CaptureState::Running && nowMs() - shared.lastBlockMs > 10000;
+    const bool playbackStuck = nowMs() - shared.lastWriteMs > 10000;
+    return watchdog.stalledAtMs() >= 0 || captureStuck || playbackStuck;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -194,178 +476,29 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: quil-soak PCM pulseaudio|pipewire SERVER_DIR SECONDS [SEED]\n");
         return 2;
     }
-    const QString& pcm = args[1];
-    const int seconds = args[4].toInt();
-    const unsigned seed = args.size() > 5 ? args[5].toUInt() : static_cast<unsigned>(getpid());
-    snd_lib_error_set_handler(silentAlsaErrors);
-    auto* counter = new ErrorCounter;
-    log4cplus::Logger logger = log4cplus::Logger::getInstance("AudioLib");
-    logger.setLogLevel(log4cplus::WARN_LOG_LEVEL);
-    logger.addAppender(log4cplus::SharedAppenderPtr(counter));
+    const Settings settings = readSettings(args);
+    const ErrorCounter* errors = countLibraryErrors();
     g_clock.start();
     Shared shared;
-    std::mt19937 random(seed + 1);
+    std::mt19937 random(settings.seed + 1);
 
-    // Capture: a live feed, and time-shifted feeds that attach and detach.
-    AlsaInputDevice device(pcm, 48000, 2, SND_PCM_FORMAT_S16_LE, 20, 200);
-    AudioInputDataProvider provider(&device, 2000, 960);
-    std::atomic<qint64> delivered{0};
-    const auto watch = [&shared, &delivered](CMDataTransfer& feed, bool main) {
-        feed.onDataAvailable([&shared, &delivered, main](const QByteArray& block) {
-            delivered += block.size();
-            if (main)
-                noteBlock(&shared);
-        });
-    };
-    CMDataTransfer mainFeed = provider.liveFeed();
-    watch(mainFeed, true);
-    QList<QPair<qint64, CMBufferedDataTransfer>> shiftedFeeds;
-    int feedsTaken = 0, hostStarts = 0, newMainFeeds = 0;
-    std::atomic<int> openFailures{0};
-    QTimer feedChurn;
-    QObject::connect(&feedChurn, &QTimer::timeout, [&] {
-        for (int i = shiftedFeeds.size() - 1; i >= 0; --i) {
-            if (shiftedFeeds[i].first < nowMs()) {
-                shiftedFeeds[i].second.finish(CMError());
-                shiftedFeeds.removeAt(i);
-            }
-        }
-        if (shiftedFeeds.size() < 6) {
-            CMBufferedDataTransfer feed =
-                provider.liveFeedWithOffset(std::uniform_int_distribution<int>(0, 2000)(random));
-            watch(feed, false);
-            shiftedFeeds.append({nowMs() + std::uniform_int_distribution<int>(500, 5000)(random), feed});
-            ++feedsTaken;
-        }
-    });
-    feedChurn.start(700);
-
-    // The README's recipe: while capture is stopped with an error (its device
-    // did not open), start it again every 2 s from this thread (a repeated
-    // failure changes no status, so the listener alone would not do); a live
-    // feed that a stop finished is replaced by a time-shifted feed at offset 0.
-    QTimer hostRetry;
-    QObject::connect(&hostRetry, &QTimer::timeout, [&] {
-        const quil::CaptureStatus status = provider.captureStatus();
-        if (status.state != quil::CaptureState::Stopped || status.errorString.isEmpty())
-            return;
-        ++hostStarts;
-        provider.start();
-        if (mainFeed.isFinished()) {
-            mainFeed = provider.liveFeedWithOffset(0);
-            watch(mainFeed, true);
-            ++newMainFeeds;
-        }
-    });
-    hostRetry.start(2000);
-    provider.setCaptureStatusListener([&openFailures](const quil::CaptureStatus& status) {
-        if (status.state == quil::CaptureState::Stopped && !status.errorString.isEmpty())
-            ++openFailures;
-    });
-    provider.start();
-
-    // Mixer: "Master" watched, set every half second, the card opened again
-    // after it closed itself.
-    AlsaCard card(pcm, true);
-    AlsaMixerElementPtr master;
-    long mixerChanges = 0, mixerReopens = 0, mixerSets = 0;
-    QTimer mixerTimer;
-    QObject::connect(&mixerTimer, &QTimer::timeout, [&] {
-        if (!card.isOpen()) {
-            master.reset();
-            if (!card.open())
-                return;
-            ++mixerReopens;
-        }
-        if (!master) {
-            master = card.loadMixerElement(QStringLiteral("Master"));
-            if (master)
-                QObject::connect(master.data(), &AlsaMixerElement::changed, [&] { ++mixerChanges; });
-            return;
-        }
-        long min = 0, max = 0;
-        if (master->getVolumeRange(&min, &max, Playback) && max > min
-            && master->setVolume(std::uniform_int_distribution<long>(min, max)(random), Playback))
-            ++mixerSets;
-    });
-    mixerTimer.start(500);
-
+    CaptureHost capture(settings.pcm, &shared, &random);
+    MixerHost mixer(settings.pcm, &random);
     PlaybackFigures playback;
-    std::thread player(play, pcm, &shared, &playback);
-    std::thread faults(injectFaults, &shared, args[2], args[3], seconds, seed);
-
-    // Resources once everything runs, and every 10 s. A capture that is
-    // "running" but has delivered nothing for 30 s is stuck inside the device's
-    // read(), which nothing can end; the run ends there, as it does when the
-    // process has grown by 300 MB (a PCM that fails in a loop may leak).
-    Resources first, last;
-    QList<Resources> samples;
-    qint64 stalledAtMs = -1, longestRunningGapMs = 0;
-    QTimer sampler;
-    const auto check = [&] {
-        last = sampleResources();
-        if (nowMs() / 1000 % 10 == 5 || samples.isEmpty())
-            samples << last;
-        first = samples.first();
-        const bool running = provider.captureStatus().state == quil::CaptureState::Running;
-        if (running)
-            longestRunningGapMs = std::max(longestRunningGapMs, nowMs() - shared.lastBlockMs);
-        const bool stuck = running && nowMs() - shared.lastBlockMs > 30000;
-        if (stalledAtMs < 0 && (stuck || last.rssKb > first.rssKb + 300000))
-            stalledAtMs = nowMs();
-        if (stalledAtMs >= 0 || nowMs() >= seconds * 1000LL)
-            app.quit();
-    };
-    // The first sample after 5 s, once start-up has settled, then one a second.
-    QObject::connect(&sampler, &QTimer::timeout, [&] {
-        sampler.setInterval(1000);
-        check();
-    });
-    sampler.start(5000);
+    std::thread player(play, settings.pcm, &shared, &playback);
+    std::thread faults(injectFaults, &shared, settings.server, settings.serverDir, settings.seconds, settings.seed);
+    Watchdog watchdog(&capture, &shared, settings.seconds);
     app.exec();
 
     shared.done = true;
-    feedChurn.stop();
-    mixerTimer.stop();
+    capture.stopFeedChurn();
+    mixer.stop();
     faults.join();
-    std::printf("pcm %s\nseconds %d\nseed %u\n", qPrintable(pcm), seconds, seed);
-    std::printf("kills %d\nserver_returns %d\nkills_resumed %d\n", shared.kills.load(), shared.returns.load(),
-                shared.resumed.load());
-    std::printf("status_restarts %d\nopen_failures %d\nhost_starts %d\nnew_main_feeds %d\n",
-                provider.captureStatus().restartCount, openFailures.load(), hostStarts, newMainFeeds);
-    {
-        std::lock_guard<std::mutex> lock(shared.mutex);
-        const qint64 worst = shared.resumeDelays.empty()
-                                 ? -1
-                                 : *std::max_element(shared.resumeDelays.begin(), shared.resumeDelays.end());
-        std::printf("resume_ms_median %.0f\nresume_ms_max %lld\n", median(shared.resumeDelays),
-                    static_cast<long long>(worst));
-    }
-    std::printf("capture_stalled_at_s %lld\nfeeds_taken %d\ndelivered_mb %.1f\n",
-                static_cast<long long>(stalledAtMs < 0 ? -1 : stalledAtMs / 1000), feedsTaken, delivered / 1e6);
-    std::printf("playback_writes %ld\nplayback_xruns %ld\nplayback_closes %ld\nplayback_reopens %ld\n"
-                "playback_xrun_reopens %ld\n",
-                playback.writes.load(), playback.xruns.load(), playback.closes.load(), playback.reopens.load(),
-                playback.xrunReopens.load());
-    std::printf("mixer_reopens %ld\nmixer_changes %ld\nmixer_sets %ld\nerror_lines %ld\n", mixerReopens, mixerChanges,
-                mixerSets, counter->errors.load());
-    std::printf("rss_kb %ld %ld\nfds %d %d\nthreads %d %d\n", first.rssKb, last.rssKb, first.fds, last.fds,
-                first.threads, last.threads);
-    QStringList rss;
-    for (const Resources& r : qAsConst(samples))
-        rss << QString::number(r.rssKb);
-    std::printf("rss_samples %s\n", qPrintable(rss.join(' ')));
-    std::printf("first_kill_at_s %.1f\nlongest_running_gap_s %lld\n", shared.firstKillMs / 1000.0,
-                static_cast<long long>(longestRunningGapMs / 1000));
+    report(settings, &shared, capture, playback, mixer, *errors, watchdog);
 
-    // A capture or playback stuck inside ALSA can be neither stopped nor
-    // destroyed: the figures are out, so leave without waiting for it.
-    const bool captureStuck =
-        provider.captureStatus().state == quil::CaptureState::Running && nowMs() - shared.lastBlockMs > 10000;
-    const bool playbackStuck = nowMs() - shared.lastWriteMs > 10000;
-    hostRetry.stop();
-    provider.stop();
-    if (stalledAtMs >= 0 || captureStuck || playbackStuck) {
+    const bool stuck = stuckInAlsa(capture, shared, watchdog);
+    capture.stop();
+    if (stuck) {
         std::printf("exit without teardown (capture or playback stuck in ALSA)\n");
         std::fflush(stdout);
         _exit(3);
