@@ -49,21 +49,6 @@ public:
     quint32 delivered = 0; // read by the fuzzing thread only while the worker is idle
 };
 
-// Each counter frame follows the one before; silence only before the
-// provider's first frame, or anywhere once muted (a muted block may be of any
-// length: docs/reliability.md).
-bool gapless(const QByteArray& bytes, bool mutedEver, quint32 firstFrame)
-{
-    quint32 previous = 0, last = 0;
-    for (int i = 0; i + 4 <= bytes.size(); i += 4) {
-        const quint32 f = qFromLittleEndian<quint32>(bytes.constData() + i);
-        if (f == 0 ? !mutedEver && last != 0 : previous != 0 ? f != previous + 1 : mutedEver ? f <= last : i > 0 && f != firstFrame)
-            return false;
-        previous = f, last = f ? f : last;
-    }
-    return bytes.size() % 4 == 0;
-}
-
 // Polls for a state the worker reaches soon; a missed bound is a hang.
 template <class Condition> void settle(Condition condition)
 {
@@ -73,12 +58,25 @@ template <class Condition> void settle(Condition condition)
     }
 }
 
-// A feed, what it received so far, and where the blocks it receives are kept.
+// A feed and where the blocks it receives are kept until checked.
 struct Feed {
     CMDataTransfer transfer;
     CMBufferedDataTransfer kept;
-    QByteArray bytes;
-    const QByteArray& take() { return bytes += kept.readAll(); }
+    quint32 previous = 0, last = 0, frames = 0;
+
+    // Whether the bytes continue the feed: each counter frame follows the one
+    // before; silence only before the provider's first frame, or anywhere once
+    // muted (a muted block may be of any length: docs/reliability.md).
+    bool continuedBy(const QByteArray& bytes, bool mutedEver, quint32 firstFrame)
+    {
+        for (int i = 0; i + 4 <= bytes.size(); i += 4, ++frames) {
+            const quint32 f = qFromLittleEndian<quint32>(bytes.constData() + i);
+            if (f == 0 ? !mutedEver && last != 0 : previous != 0 ? f != previous + 1 : mutedEver ? f <= last : frames > 0 && f != firstFrame)
+                return false;
+            previous = f, last = f ? f : last;
+        }
+        return bytes.size() % 4 == 0;
+    }
 };
 
 } // namespace
@@ -119,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         device.failures = 0, mutedEver = false, firstFrame = device.delivered + 1;
         CMBufferedDataTransfer kept;
         provider->liveFeed().onDataAvailable([kept](const QByteArray& block) mutable { kept.dataAvailable(block); });
-        feeds = {Feed{provider->liveFeed(), kept, {}}};
+        feeds = {Feed{provider->liveFeed(), kept}};
     };
     create();
     for (int step = 0; step < 48 && input.remaining_bytes() > 0; ++step) {
@@ -143,12 +141,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             device.let(input.ConsumeIntegralInRange(0, 8));
             const bool racing = !device.idle() && state() == State::Running;
             const int offsetMs = input.ConsumeBool() ? input.ConsumeIntegral<int>() : input.ConsumeIntegralInRange(-10, ringMs + 50);
-            const CMBufferedDataTransfer feed = provider->liveFeedWithOffset(offsetMs);
-            feeds.push_back(Feed{feed, feed, {}});
+            CMBufferedDataTransfer feed = provider->liveFeedWithOffset(offsetMs);
+            feeds.push_back(Feed{feed, feed});
             const qint64 prefill = ringMs > 0 ? qMin(msToBytes(offsetMs), msToBytes(ringMs)) : 0;
-            const QByteArray& bytes = feeds.back().take();
+            const QByteArray bytes = feed.readAll();
             const bool newest = prefill == 0 || (bytes.size() >= prefill && qFromLittleEndian<quint32>(bytes.constData() + prefill - 4) == (device.delivered < firstFrame ? 0 : device.delivered));
             FUZZ_CHECK(mutedEver ? racing || bytes.size() <= msToBytes(offsetMs) : bytes.size() >= prefill && (racing || (bytes.size() == prefill && newest)));
+            FUZZ_CHECK(feeds.back().continuedBy(bytes, mutedEver, firstFrame));
             settle([&] { return device.idle() || state() != State::Running; });
             break;
         }
@@ -170,7 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const char* reason = now.state == State::Restarting ? "read failed" : now.state == State::Running || now.errorString.isEmpty() ? "" : "open refused";
         FUZZ_CHECK(now.restartCount == device.failures && now.errorString == reason && now.errorCode == (*reason ? now.state == State::Stopped ? -ENODEV : -EIO : 0));
         for (Feed& feed : feeds)
-            FUZZ_CHECK(gapless(feed.take(), mutedEver, firstFrame));
+            FUZZ_CHECK(feed.continuedBy(feed.kept.readAll(), mutedEver, firstFrame));
     }
     end(true);
     return 0;
