@@ -36,7 +36,8 @@ protected:
 
 } // namespace
 
-// Element lookup (exact before partial, never an inactive one): fuzz_mixer.
+// (Element lookup, exact before partial and never an inactive element, is
+// checked by fuzz_mixer.)
 TEST_F(MixerTest, EveryFailingOpenStepFailsCleanly)
 {
     for (const char* step : {"snd_mixer_open", "snd_mixer_attach", "snd_mixer_selem_register", "snd_mixer_load",
