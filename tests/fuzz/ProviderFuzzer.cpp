@@ -168,8 +168,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const quil::CaptureStatus now = provider->captureStatus();
         const char* reason = now.state == State::Restarting ? "read failed" : now.state == State::Running || now.errorString.isEmpty() ? "" : "open refused";
         FUZZ_CHECK(now.restartCount == device.failures && now.errorString == reason && now.errorCode == (*reason ? now.state == State::Stopped ? -ENODEV : -EIO : 0));
-        for (Feed& feed : feeds)
-            FUZZ_CHECK(feed.continuedBy(feed.kept.readAll(), mutedEver, firstFrame));
+        for (Feed& feed : feeds) {
+            const QByteArray bytes = feed.kept.readAll(); // the live feed's, all captured while muted or not
+            FUZZ_CHECK(feed.continuedBy(bytes, mutedEver, firstFrame));
+            FUZZ_CHECK(&feed != &feeds[0] || !provider->isMuted() || bytes.count('\0') == bytes.size());
+        }
     }
     end(true);
     return 0;
