@@ -42,12 +42,6 @@ QByteArray readToEnd(AudioFile& file, FuzzedDataProvider& input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
-{
-    quilfuzz::initialize(argc, argv);
-    return 0;
-}
-
 // The input's bytes become the file, as they are or written as frames.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -8,12 +8,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
-{
-    quilfuzz::initialize(argc, argv);
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzedDataProvider input(data, size);

@@ -18,8 +18,6 @@
 static useconds_t lastSleepUs = 0;
 extern "C" int usleep(useconds_t us) { return lastSleepUs = us, 0; }
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return quilfuzz::initialize(argc, argv), 0; }
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static const snd_pcm_format_t formats[] = {SND_PCM_FORMAT_S16_LE,   SND_PCM_FORMAT_U8,    SND_PCM_FORMAT_S24_3LE,

@@ -7,6 +7,8 @@
 #include "AlsaCard.h"
 #include "FuzzSupport.h"
 
+#include <QCoreApplication>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -63,8 +65,6 @@ void checkRetired(AlsaMixerElement& e, AlsaElementMode mode)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return quilfuzz::initialize(argc, argv), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

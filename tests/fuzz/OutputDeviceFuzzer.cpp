@@ -52,8 +52,6 @@ extern "C" int snd_pcm_recover(snd_pcm_t* pcm, int code, int silent)
 // The open retries' pauses: 750 ms for every name that does not exist.
 extern "C" int usleep(useconds_t) { return 0; }
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return quilfuzz::initialize(argc, argv), 0; }
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static const QString names[] = {"null", "file:FILE=" + quilfuzz::workFile("out.raw") + ",FORMAT=raw", "mono_only",

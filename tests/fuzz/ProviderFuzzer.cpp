@@ -8,6 +8,7 @@
 
 #include "FuzzSupport.h"
 
+#include <QCoreApplication>
 #include <QSemaphore>
 #include <QThread>
 #include <QtEndian>
@@ -80,8 +81,6 @@ struct Feed {
 };
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) { return quilfuzz::initialize(argc, argv), 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
