@@ -65,44 +65,7 @@ TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
     EXPECT_EQ(device.closes, 1);
     device.openGate();
     provider.reset();
-    // start() right before destruction: every feed is finished all the same.
-    for (int i = 0; i < 20; ++i) {
-        ScriptedInputDevice other;
-        provider = std::make_unique<AudioInputDataProvider>(&other, 100, 480);
-        FeedRecorder feed(provider->liveFeedWithOffset(20)), otherLive(provider->liveFeed());
-        provider->start();
-        provider.reset();
-        EXPECT_TRUE(feed.isFinished() && otherLive.isFinished());
-        EXPECT_EQ(other.closes, 1);
-    }
     deleteFinishedThreadObjects();
-}
-
-// A time-shifted feed starts with the newest whole frames of the ring that
-// its offset covers (truncated: 3 ms at 44.1 kHz are 132.3 frames), all of
-// the ring for an offset beyond it, nothing for none or without a ring; live
-// blocks follow.
-TEST(Provider, TimeShiftedFeedsStartWithTheNewestWholeFramesOfTheRing)
-{
-    struct Case { int rate, ringMs, offsetMs, prefillFrames; };
-    for (const Case& c : {Case{44100, 100, 3, 132}, Case{48000, 100, 250, 4800}, Case{48000, 100, 40, 1920},
-                          Case{48000, 100, 0, 0}, Case{48000, 100, -5, 0}, Case{48000, 0, 40, 0}}) {
-        SCOPED_TRACE(c.offsetMs);
-        ScriptedInputDevice device;
-        device.rate = c.rate;
-        device.gated = true;
-        AudioInputDataProvider provider(&device, c.ringMs, 210);   // 100 ms is no whole number of reads
-        FeedRecorder live(provider.liveFeed());
-        provider.start();
-        device.permit(30);
-        ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 30 && device.reads == 31; }));
-        FeedRecorder feed(provider.liveFeedWithOffset(c.offsetMs));
-        device.permit(1);
-        ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 31 && feed.blockCount() == (c.prefillFrames > 0) + 1; }));
-        EXPECT_TRUE(feed.bytes() == device.frames(30 * 210 - c.prefillFrames + 1, c.prefillFrames + 210));
-        provider.stop();
-        device.openGate();
-    }
 }
 
 // Read errors restart the run every 2000 ms with the device left open; an
