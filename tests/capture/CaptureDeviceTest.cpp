@@ -211,9 +211,4 @@ TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosAfterItsEnd)
             EXPECT_TRUE(m_sleeps.size() == 1 && m_sleeps.value(0) >= step.minSleepMs * 1000u
                         && m_sleeps.value(0) <= step.maxSleepMs * 1000u) << m_sleeps.value(0);
     }
-    FileInputDevice bytes(48000, 1, SND_PCM_FORMAT_U8);   // one-byte frames: a one-byte block
-    ASSERT_TRUE(bytes.open() && bytes.playFile(writeDataFile(QStringLiteral("one-byte.raw"), "\x7f")));
-    EXPECT_TRUE(bytes.read(&block, 1) && block == QByteArray("\x7f"));
-    FileInputDevice wide(48000, 8, SND_PCM_FORMAT_S32_LE);   // no block of 2^31 bytes or more: no code to give
-    EXPECT_TRUE(!wide.read(&block, 1 << 26) && wide.errorCode() == 0 && !wide.errorString().isEmpty());
 }
