@@ -9,6 +9,7 @@
 #include "FuzzSupport.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QSemaphore>
 #include <QThread>
 #include <QtEndian>
@@ -50,11 +51,14 @@ public:
     quint32 delivered = 0; // read by the fuzzing thread only while the worker is idle
 };
 
-// Polls for a state the worker reaches soon; a missed bound is a hang.
+// Polls for a state the worker reaches soon; 5 s without it is a hang. Time,
+// not a count of polls: a loaded machine may keep the worker waiting long.
 template <class Condition> void settle(Condition condition)
 {
-    for (int i = 0; !condition(); ++i) {
-        FUZZ_CHECK(i < 50000);
+    QElapsedTimer waited;
+    waited.start();
+    while (!condition()) {
+        FUZZ_CHECK(waited.elapsed() < 5000);
         QThread::usleep(10);
     }
 }
