@@ -51,6 +51,8 @@ mkdir -p "$root/build"
 
 [ -d "$scratch" ] || git worktree add --detach "$scratch" "$rev" >/dev/null
 cd "$scratch"
+# A scratch worktree left by an earlier run holds another revision.
+git checkout -q --detach "$rev" || exit 1
 # Tests are not relinked when only the shared library changes: a fault costs
 # one compile and one library link.
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUIL_AUDIO_BUILD_BENCHMARKS=OFF \
