@@ -1,4 +1,4 @@
-// AudioInputDataProvider over an in-memory device whose frames count up, driven
+// AudioInputDataProvider over the scripted counter device, its reads gated, driven
 // through starts, stops, destruction, feeds, mute and device failures: every
 // feed is one gapless stretch of the counter stream (silence where muted) that
 // begins with the newest bytes of the ring, failures show in the capture
@@ -7,61 +7,17 @@
 #include "AudioInputDataProvider.h"
 
 #include "FuzzSupport.h"
+#include "ProviderTestSupport.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QSemaphore>
-#include <QThread>
-#include <QtEndian>
-
-#include <cerrno>
 #include <climits>
 #include <vector>
 
+using quiltest::ScriptedInputDevice;
+
 namespace {
 
-// Frame n of the stream is n (4 bytes, little endian); 0 is silence. Each read
-// waits for a permit: the worker is idle once it entered one more read than
-// were permitted.
-class CounterDevice : public AudioInputDevice {
-public:
-    bool open() override { return setErrorString(failOpen ? "open refused" : "", -ENODEV), ++opens, opened = !failOpen; }
-    void close() override { opened = false; }
-    bool isOpened() override { return opened; }
-    bool read(QByteArray* buffer, int frames) override
-    {
-        ++entered, gate.acquire();
-        if (failRead.exchange(false))
-            return ++failures, setErrorString(QStringLiteral("read failed"), -EIO), false;
-        buffer->resize(frames * 4);
-        for (int i = 0; i < frames; ++i)
-            qToLittleEndian<quint32>(++delivered, buffer->data() + 4 * i);
-        return true;
-    }
-    int sampleRate() const override { return rate; }
-    int bytesPerSample() const override { return 2; }
-    int channelCount() const override { return 2; }
-    QString name() const override { return QStringLiteral("Counter"); }
-    void let(int reads) { permitted += reads, gate.release(reads); }
-    bool idle() const { return entered == permitted + 1; }
-
-    QSemaphore gate;
-    std::atomic<bool> failOpen{false}, failRead{false}, opened{false};
-    std::atomic<int> opens{0}, failures{0}, entered{0}, permitted{0}, rate{48000};
-    quint32 delivered = 0; // read by the fuzzing thread only while the worker is idle
-};
-
-// Polls for a state the worker reaches soon; 5 s without it is a hang. Time,
-// not a count of polls: a loaded machine may keep the worker waiting long.
-template <class Condition> void settle(Condition condition)
-{
-    QElapsedTimer waited;
-    waited.start();
-    while (!condition()) {
-        FUZZ_CHECK(waited.elapsed() < 5000);
-        QThread::usleep(10);
-    }
-}
+// A state the worker reaches soon; 5 s without it is a hang.
+#define SETTLE(condition) FUZZ_CHECK(quiltest::waitUntil([&] { return condition; }))
 
 // A feed and where the blocks it receives are kept until checked.
 struct Feed {
@@ -90,7 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     using State = quil::CaptureState;
     FuzzedDataProvider input(data, size);
-    CounterDevice device;
+    ScriptedInputDevice device;
+    device.gated = true;
     device.rate = input.ConsumeIntegralInRange(1, 192000);
     const int readFrames = input.ConsumeIntegralInRange(1, 2048);
     const int minRingMs = (readFrames * 1000 + device.rate - 1) / device.rate; // holds one read
@@ -106,18 +63,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const bool ran = state() != State::Stopped;
         if (!destroy)
             provider->stop();
-        device.let(1 << 20);
-        destroy ? provider.reset() : settle([&] { return state() == State::Stopped; });
-        QCoreApplication::sendPostedEvents(); // the worker's thread object goes through this thread's loop
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        device.permit(1 << 20);
+        if (destroy)
+            provider.reset();
+        else
+            SETTLE(state() == State::Stopped);
+        quiltest::deleteFinishedThreadObjects();
         for (const auto& feed : feeds)
-            FUZZ_CHECK((feed.transfer.isFinished() || !ran) && !device.opened);
-        device.gate.acquire(device.gate.available());
-        device.permitted = device.entered.load();
+            FUZZ_CHECK((feed.transfer.isFinished() || !ran) && !device.isOpened());
+        device.withdrawPermits();
     };
     const auto create = [&] {
         provider = std::make_unique<AudioInputDataProvider>(&device, ringMs, readFrames);
-        device.failures = 0, mutedEver = false, firstFrame = device.delivered + 1;
+        device.failures = 0, mutedEver = false, firstFrame = device.deliveredFrames + 1;
         CMBufferedDataTransfer kept;
         provider->liveFeed().onDataAvailable([kept](const QByteArray& block) mutable { kept.dataAvailable(block); });
         feeds = {Feed{provider->liveFeed(), kept}};
@@ -131,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 break;
             device.failOpen = input.ConsumeIntegralInRange(0, 3) == 0;
             provider->start();
-            settle([&] { return device.opens > opens && (state() == State::Stopped) == device.failOpen && (state() != State::Running || device.idle()); });
+            SETTLE(device.opens > opens && (state() == State::Stopped) == device.failOpen && (state() != State::Running || device.idle()));
             break;
         case 1:
             end(false);
@@ -141,17 +99,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             // Reads while a feed is requested, or a feed of the idle worker:
             // the newest bytes of the ring (which muting may have grown to
             // the process-wide silence block), ending with the newest frame.
-            device.let(input.ConsumeIntegralInRange(0, 8));
+            device.permit(input.ConsumeIntegralInRange(0, 8));
             const bool racing = !device.idle() && state() == State::Running;
             const int offsetMs = input.ConsumeBool() ? input.ConsumeIntegral<int>() : input.ConsumeIntegralInRange(-10, ringMs + 50);
             CMBufferedDataTransfer feed = provider->liveFeedWithOffset(offsetMs);
             feeds.push_back(Feed{feed, feed});
             const qint64 prefill = ringMs > 0 ? qMin(msToBytes(offsetMs), msToBytes(ringMs)) : 0;
             const QByteArray bytes = feed.readAll();
-            const bool newest = prefill == 0 || (bytes.size() >= prefill && qFromLittleEndian<quint32>(bytes.constData() + prefill - 4) == (device.delivered < firstFrame ? 0 : device.delivered));
+            const bool newest = prefill == 0 || (bytes.size() >= prefill && qFromLittleEndian<quint32>(bytes.constData() + prefill - 4) == quint32(device.deliveredFrames < int(firstFrame) ? 0 : device.deliveredFrames.load()));
             FUZZ_CHECK(mutedEver ? racing || bytes.size() <= msToBytes(offsetMs) : bytes.size() >= prefill && (racing || (bytes.size() == prefill && newest)));
             FUZZ_CHECK(feeds.back().continuedBy(bytes, mutedEver, firstFrame));
-            settle([&] { return device.idle() || state() != State::Running; });
+            SETTLE(device.idle() || state() != State::Running);
             break;
         }
         case 4:
@@ -162,14 +120,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             mutedEver |= provider->isMuted();
             break;
         case 6:
-            device.failRead = true;
+            device.failNextRead = true;
             break;
         default:
             end(true);
             create();
         }
         const quil::CaptureStatus now = provider->captureStatus();
-        const char* reason = now.state == State::Restarting ? "read failed" : now.state == State::Running || now.errorString.isEmpty() ? "" : "open refused";
+        const char* reason = now.state == State::Restarting ? "Scripted read failure" : now.state == State::Running || now.errorString.isEmpty() ? "" : "Scripted open failure";
         FUZZ_CHECK(now.restartCount == device.failures && now.errorString == reason && now.errorCode == (*reason ? now.state == State::Stopped ? -ENODEV : -EIO : 0));
         for (Feed& feed : feeds) {
             const QByteArray bytes = feed.kept.readAll(); // the live feed's, all captured while muted or not

@@ -44,7 +44,8 @@ public:
         const int readNumber = reads++;
         if (gated)
             m_permits.acquire();
-        if (failReads) {
+        if (failReads || failNextRead.exchange(false)) {
+            ++failures;
             setErrorString(QStringLiteral("Scripted read failure"), -EIO);
             return false;
         }
@@ -58,8 +59,12 @@ public:
     int bytesPerSample() const override { return 2; }
     int channelCount() const override { return 2; }
     QString name() const override { return QStringLiteral("Scripted Device"); }
-    void permit(int reads) { m_permits.release(reads); }
+    void permit(int count) { permitted += count, m_permits.release(count); }
     void openGate() { gated = false, m_permits.release(1 << 20); }
+    // Takes back the permits no read used: the next read waits again.
+    void withdrawPermits() { m_permits.acquire(m_permits.available()), permitted = reads.load(); }
+    // Whether the reader waits at the gate for a permit.
+    bool idle() const { return reads == permitted + 1; }
     // The counter frames [first, first + count).
     static QByteArray frames(int first, int count)
     {
@@ -69,11 +74,12 @@ public:
         return bytes;
     }
 
-    std::atomic<bool> failOpen{false}, failReads{false}, openedOnCaptureThread{false};
+    std::atomic<bool> failOpen{false}, failReads{false}, failNextRead{false}, openedOnCaptureThread{false};
     std::atomic<bool> gated{false};   // set before start(): each read waits for a permit() until openGate()
     QList<int> framesPerRead;   // cycled; empty: as many as asked for. Set before start().
     int rate = 48000;   // set before the provider is made
     std::atomic<int> opens{0}, closes{0}, reads{0}, deliveredFrames{0};   // reads: entered, waiting ones too
+    std::atomic<int> failures{0}, permitted{0};
 
 private:
     std::atomic<bool> m_opened{false};
@@ -121,7 +127,7 @@ inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 50
     QElapsedTimer timer;
     timer.start();
     while (!condition() && timer.elapsed() <= quiltest::scaledMs(timeoutMs))
-        QThread::msleep(1);
+        QThread::usleep(100);
     return condition();
 }
 
