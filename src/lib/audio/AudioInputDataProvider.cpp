@@ -73,6 +73,8 @@ CMBufferedDataTransfer AudioInputDataProvider::liveFeedWithOffset(int offsetMs)
 
 quil::CaptureStatus AudioInputDataProvider::captureStatus() const { return m_thread->captureStatus(); }
 
+qint64 AudioInputDataProvider::framesSinceResume() const { return m_thread->framesSinceResume(); }
+
 void AudioInputDataProvider::setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener)
 {
     m_thread->setCaptureStatusListener(std::move(listener));

@@ -61,6 +61,15 @@ public:
     /// read failure, with the failure's reason and the number of restarts
     /// (see AudioInputDataProviderThread::captureStatus()). Safe from any thread.
     quil::CaptureStatus captureStatus() const;
+    /// How much of the ring is one unbroken stretch of capture: the frames
+    /// captured since the device was last opened, by start() or by a restart
+    /// after a read failure (see AudioInputDataProviderThread::framesSinceResume()).
+    /// Audio in the ring older than the newest that many frames comes from
+    /// before a gap, such as a sound-server outage, which nothing in a feed
+    /// marks. Compare it with the offset before liveFeedWithOffset();
+    /// frames × 1000 / audioDevice().sampleRate() gives milliseconds. Safe
+    /// from any thread.
+    qint64 framesSinceResume() const;
     /// Calls listener in the provider's worker thread whenever captureStatus()
     /// changes; replaces the previous listener, an empty one removes it. Safe
     /// from any thread. The listener must not block: capture waits for it.

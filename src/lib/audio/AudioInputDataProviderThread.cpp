@@ -15,12 +15,13 @@ namespace quil {
 
 // What a feed's finish callback knows of the worker, which its feeds may
 // outlive: null once the worker is gone (docs/internals.md). Lock order: link
-// mutex before the worker's m_mutex. Also holds the restart timer, kept out of
-// the worker, whose layout is published.
+// mutex before the worker's m_mutex. Also holds the restart timer and the
+// resume count, kept out of the worker, whose layout is published.
 struct WorkerLink {
     QMutex mutex;
     AudioInputDataProviderThread* worker;
     QTimer* restartTimer = nullptr;
+    qint64 framesSinceResume = 0; // under the worker's m_mutex, not this one
 };
 
 } // namespace quil
@@ -221,6 +222,10 @@ void AudioInputDataProviderThread::on_dataProvider_started()
                              QStringLiteral("Unable to open audio input device: ") + m_device->name());
             return;
         }
+        {
+            quil::MutexLocker locker(&m_mutex);
+            m_link->framesSinceResume = 0; // the ring's older audio is from before a gap
+        }
         setCaptureStatus(quil::CaptureState::Running, QString());
         if (!captureWhileRunning())
             return;
@@ -262,6 +267,8 @@ void AudioInputDataProviderThread::distribute(const QByteArray& captured)
         quil::MutexLocker locker(&m_mutex);
         block = m_muted ? silence : captured;
         quil::shiftIntoRing(&m_ringBuffer, &m_ringOldest, block);
+        const int frameBytes = frameCountToByteCount(1);
+        m_link->framesSinceResume += frameBytes > 0 ? block.size() / frameBytes : 0;
         released = takeReleasedFeeds();
         recipients = recipientsOf(block);
     }
@@ -346,6 +353,12 @@ quil::CaptureStatus AudioInputDataProviderThread::captureStatus() const
 {
     quil::MutexLocker locker(&m_mutex);
     return m_status;
+}
+
+qint64 AudioInputDataProviderThread::framesSinceResume() const
+{
+    quil::MutexLocker locker(&m_mutex);
+    return m_link->framesSinceResume;
 }
 
 void AudioInputDataProviderThread::setCaptureStatusListener(std::function<void(const quil::CaptureStatus&)> listener)

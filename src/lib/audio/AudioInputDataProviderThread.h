@@ -78,6 +78,11 @@ public:
 
     /// The capture state now; safe from any thread.
     quil::CaptureStatus captureStatus() const;
+    /// Frames shifted into the ring since the device was last opened, by a
+    /// start() or by a restart after a read failure; 0 before the first
+    /// block. Stays as it is while capture is stopped or waits to restart.
+    /// Safe from any thread.
+    qint64 framesSinceResume() const;
     /// Called in the worker thread, after captureStatusChanged(), on every
     /// change of the status; replaces the previous listener. Safe from any
     /// thread; the listener must not block, as capture waits for it.
