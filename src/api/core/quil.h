@@ -27,6 +27,7 @@
 /// True unless the connection crosses threads (queued, or automatic between
 /// objects of different threads) and the signal has a parameter type that Qt
 /// cannot queue: neither a pointer nor registered with QMetaType.
+/// \ingroup internals
 template <class Signal>
 bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, const QObject* receiver,
                                       Qt::ConnectionType type)
@@ -48,6 +49,7 @@ bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, cons
 /// QObject::connect that asserts that a cross-thread signal can be queued and
 /// that the connection was made (assertions as the instantiating code has them).
 /// Any thread, as QObject::connect.
+/// \ingroup internals
 template <class Sender, class Signal, class Receiver, class Slot>
 QMetaObject::Connection quilConnect(const Sender* sender, Signal signal, const Receiver* receiver, Slot slot,
                                     Qt::ConnectionType type = Qt::AutoConnection)
@@ -65,6 +67,7 @@ template <class T, class... Args> T* createInNewQThread(const QString& threadNam
 /// A thread whose run() first names itself and constructs a T from copies of
 /// the given arguments (so the object belongs to the new thread), then runs
 /// the event loop until told to quit. It never deletes the T.
+/// \ingroup internals
 template <class T, class... Args> class NewQThread : public QThread {
 public:
     /// Keeps copies of the arguments for run(); starts nothing.
@@ -104,6 +107,7 @@ private:
 /// thread finishes (through the creating thread's event loop); the caller
 /// becomes responsible for the T, which lives in the new thread. Blocks the
 /// calling thread until then; call it from a thread with an event loop.
+/// \ingroup internals
 template <class T, class... Args> T* createInNewQThread(const QString& threadName, Args&&... args)
 {
     auto* thread = new NewQThread<T, Args...>(threadName, std::forward<Args>(args)...);

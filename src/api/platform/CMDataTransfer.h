@@ -19,6 +19,7 @@ class CMDataTransferPrivate;
 /// its handler one at a time and in the order dataAvailable() was called; no
 /// internal lock is held while the handler or a finish function runs, so both
 /// may call back into the transfer (a handler may finish its own transfer).
+/// \ingroup hostapi
 class CMDataTransfer {
 public:
     /// Drops this handle; the transfer goes with its last one.
@@ -54,10 +55,12 @@ protected:
 
 /// The same key for every handle of one transfer, distinct for distinct transfers.
 /// (Qt 6's own qHash returns size_t; its QHash takes this one-argument form too.)
+/// \ingroup internals
 unsigned int qHash(const CMDataTransfer& transfer);
 
 /// A transfer that keeps, in order, the blocks arriving while no handler is
 /// set, and hands them to the handler once one is set.
+/// \ingroup hostapi
 class CMBufferedDataTransfer : public CMDataTransfer {
 public:
     /// Creates a new transfer.
@@ -67,6 +70,7 @@ public:
 };
 
 /// A transfer that drops the blocks arriving while no handler is set.
+/// \ingroup hostapi
 class CMUnbufferedDataTransfer : public CMDataTransfer {
 public:
     /// Creates a new transfer.

@@ -9,6 +9,7 @@
 
 /// Error value handed to a transfer's finish functions. A default-constructed
 /// CMError means "no error".
+/// \ingroup hostapi
 class CMError {
 public:
     /// No error.

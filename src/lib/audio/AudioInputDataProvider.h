@@ -25,6 +25,7 @@ class AudioInputDataProviderThread;
 /// Feeds: stop() finishes every feed, the live one for good; read a capture
 /// started again through a new liveFeedWithOffset(), 0 for no past audio.
 /// No operation fails; capture failures show in captureStatus().
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AudioInputDataProvider {
 public:
     /// Starts the worker thread and builds the worker in it; returns once it
@@ -54,7 +55,8 @@ public:
     /// block from now on, until the first stop() finishes it for good.
     CMUnbufferedDataTransfer liveFeed() const;
     /// A new feed starting offsetMs in the past (see
-    /// AudioInputDataProviderThread::liveFeedWithOffset()).
+    /// AudioInputDataProviderThread::liveFeedWithOffset()). The ring spans
+    /// restarts and stops: framesSinceResume() tells how much of it is unbroken.
     CMBufferedDataTransfer liveFeedWithOffset(int offsetMs);
 
     /// Whether capture is running, stopped, or waiting to restart after a

@@ -31,6 +31,7 @@ struct WorkerLink;
 /// the worker thread's event loop until it ends: on stop() after the current
 /// block, on a read error (a new run follows 2000 ms later), or on an open error.
 /// captureStatus() tells which, with the device's reason for a failure.
+/// \ingroup internals
 class QUIL_AUDIO_EXPORT AudioInputDataProviderThread : public QObject {
     Q_OBJECT
 

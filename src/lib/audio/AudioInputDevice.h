@@ -16,6 +16,7 @@
 /// captures); the format accessors return values fixed at construction and
 /// may be called from any thread. A failed open() or read() reports false;
 /// its reason is in errorString() and errorCode(), read right after the call.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AudioInputDevice {
 public:
     /// Destroying a device releases whatever it holds open.

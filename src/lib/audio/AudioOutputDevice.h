@@ -14,6 +14,7 @@
 /// Threads: use a device from one thread at a time; no operation takes a lock.
 /// A failed open() reports false, a failed write() a WriteResult other than
 /// Written; the reason is in errorString() and errorCode(), read right after the call.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AudioOutputDevice {
 public:
     /// How close() treats audio that is still queued.

@@ -10,6 +10,7 @@
 namespace quil {
 
 /// What an input data provider's capture is doing.
+/// \ingroup hostapi
 enum class CaptureState {
     Stopped, ///< not capturing: never started, stopped, or ended by a failed open
     Running, ///< the device is open and being read
@@ -18,6 +19,7 @@ enum class CaptureState {
 
 /// A provider's capture state with the reason of its last failure. A
 /// program that runs for months can watch this instead of the log.
+/// \ingroup hostapi
 struct CaptureStatus {
     /// Stopped at first.
     CaptureState state = CaptureState::Stopped;

@@ -19,6 +19,7 @@
 /// The file is chosen with playFile() at any time, from any thread. Without a
 /// file, and after the end of one, every read() delivers a zero-filled block at
 /// the same pace. open(), read() and close() belong to one thread.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT FileInputDevice : public AudioInputDevice {
 public:
     /// No file is chosen and the pacing timer is not started yet.

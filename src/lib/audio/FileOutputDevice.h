@@ -16,6 +16,7 @@
 /// Every open() of a closed device starts the file empty. Write failures of
 /// the file system do not change write()'s result; errorString() names them
 /// (this device logs nothing). Threads: as AudioOutputDevice, one at a time.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT FileOutputDevice : public AudioOutputDevice {
 public:
     /// Opens nothing; the format values are reported as given, never validated.

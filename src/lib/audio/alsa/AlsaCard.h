@@ -23,6 +23,7 @@
 /// Threads: open the card on a thread that runs a Qt event loop and use it and
 /// its elements there only: that loop delivers the elements' changed() signals.
 /// A failure (false, null) is explained by errorString() and errorCode().
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AlsaCard : public QObject {
     Q_OBJECT
 

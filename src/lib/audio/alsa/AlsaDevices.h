@@ -12,6 +12,7 @@
 /// choose a device: the PCMs that ALSA's device name hints name, the sound
 /// cards, and the sample formats a PCM takes. Each call asks ALSA afresh;
 /// safe from any thread.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AlsaDevices {
 public:
     /// A PCM that a device name hint describes.

@@ -15,6 +15,7 @@
 /// open() may be called again. Not thread-safe: one thread opens, reads and
 /// closes; the accessors may be called from any thread. The reason of a
 /// failed open() or read() is in errorString() and errorCode() (ALSA's code).
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AlsaInputDevice : public AudioInputDevice {
 public:
     /// Touches no hardware. sampleRate × periodTimeMs and sampleRate × bufferTimeMs

@@ -17,6 +17,7 @@ class AlsaMixerHandle;
 
 /// The side of a mixer element an operation works on. Only 0 means playback:
 /// every other value acts as capture.
+/// \ingroup hostapi
 enum AlsaElementMode : int {
     Playback = 0, ///< the playback controls
     Capture = 1, ///< the capture controls
@@ -39,6 +40,7 @@ enum AlsaElementMode : int {
 /// the card, whose event loop delivers changed(). The getters and setters
 /// return false (getEnumSize() 0) on failure, and errorString() and errorCode()
 /// tell why; hasDB(), hasSwitch() and isEnumerated() answer false silently.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AlsaMixerElement : public QObject {
     Q_OBJECT
 
@@ -100,7 +102,9 @@ public:
 
 signals:
     /// The element's value changed; read it through the getters. Emitted on
-    /// the thread that opened the card, from its event loop.
+    /// the thread that opened the card, from its event loop. Some ALSA plugins
+    /// (the pulse mixer among them) do not report a change made through this
+    /// same card: a setter that returned true has made it.
     void changed();
 
 private:
@@ -115,4 +119,5 @@ private:
 };
 
 /// How elements are handed to clients.
+/// \ingroup hostapi
 typedef QSharedPointer<AlsaMixerElement> AlsaMixerElementPtr;

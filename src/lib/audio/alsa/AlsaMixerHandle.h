@@ -32,6 +32,7 @@ class QSocketNotifier;
 ///
 /// Not thread-safe: use it, and drop its last reference, on the thread that
 /// opened it, which must run a Qt event loop. Most hosts use it through AlsaCard.
+/// \ingroup internals
 class QUIL_AUDIO_EXPORT AlsaMixerHandle : public QObject {
     Q_OBJECT
 

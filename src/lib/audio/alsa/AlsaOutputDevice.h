@@ -24,6 +24,7 @@
 /// the device. Not thread-safe: use a device from one thread at a time. The
 /// reason of a failure (false, -1, a WriteResult but Written) is in
 /// errorString() and errorCode() (ALSA's code), read right after the call.
+/// \ingroup hostapi
 class QUIL_AUDIO_EXPORT AlsaOutputDevice : public AudioOutputDevice {
 public:
     /// Touches no hardware. A time of -1 (or any below 0) leaves that quantity
