@@ -20,17 +20,20 @@
 
 int main(int argc, char** argv)
 {
+    //! [setup]
     // The provider's capture thread deletes itself through this thread's events.
     QCoreApplication app(argc, argv);
     // The library logs to "AudioLib"; without an appender log4cplus says "No appenders".
     log4cplus::Initializer logInitializer;
     log4cplus::BasicConfigurator::doConfigure(log4cplus::Logger::getDefaultHierarchy(), true);
     log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("AudioLib")).setLogLevel(log4cplus::WARN_LOG_LEVEL);
+    //! [setup]
 
     const QString pcm = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("default");
     const int runMs = (argc > 2 ? std::atoi(argv[2]) : 1) * 1000;
     constexpr int Rate = 48000, FrameBytes = 4, PreRollMs = 300;
 
+    //! [capture]
     AlsaInputDevice mic(pcm, Rate, 2, SND_PCM_FORMAT_S16_LE, 20, 100);
     // A ring of 1 s (the longest pre-roll a feed can ask for), reads of 20 ms.
     auto provider = std::make_unique<AudioInputDataProvider>(&mic, 1000, Rate / 50);
@@ -45,6 +48,8 @@ int main(int argc, char** argv)
         feed = provider->liveFeedWithOffset(PreRollMs);
         feed.onDataAvailable(consume);
     });
+    //! [capture]
+    //! [restart]
     QTimer::singleShot(500 + runMs, [&] {
         if (provider->captureStatus().state != quil::CaptureState::Running)
             return app.quit(); // the PCM did not open, or a read failed
@@ -66,6 +71,7 @@ int main(int argc, char** argv)
         });
         provider->stop();
     });
+    //! [restart]
     app.exec();
 
     const quil::CaptureStatus status = provider->captureStatus();

@@ -30,6 +30,7 @@ int main(int argc, char** argv)
     quil::CaptureStatus failure;
     {
         AudioInputDataProvider provider(&mic, 0, 960); // no ring: live feed only
+        //! [status]
         // Runs on "AudioInputT" at every change: keep it short, never destroy the provider here.
         provider.setCaptureStatusListener([&](const quil::CaptureStatus& status) {
             static const char* const names[] = {"stopped", "running", "restarting"};
@@ -40,6 +41,7 @@ int main(int argc, char** argv)
             if (status.state == quil::CaptureState::Stopped)
                 QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
         });
+        //! [status]
         qint64 bytes = 0; // the live feed's handler runs on "AudioInputT" only
         CMUnbufferedDataTransfer live = provider.liveFeed();
         live.onDataAvailable([&bytes](const QByteArray& block) { bytes += block.size(); });

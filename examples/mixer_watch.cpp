@@ -45,6 +45,7 @@ int main(int argc, char** argv)
     const int seconds = argc > 3 ? std::atoi(argv[3]) : 2;
     const AlsaElementMode side = argc > 4 && std::strcmp(argv[4], "capture") == 0 ? Capture : Playback;
 
+    //! [mixer]
     AlsaCard card(mixer, true);
     if (!card.isOpen()) {
         std::fprintf(stderr, "cannot open mixer '%s': %s\n", qPrintable(mixer), qPrintable(card.errorString()));
@@ -62,6 +63,7 @@ int main(int argc, char** argv)
         ++changes;
         printState(element.data(), side, "changed");
     });
+    //! [mixer]
     QTimer::singleShot(seconds * 1000, &app, &QCoreApplication::quit);
     app.exec();
     std::printf("%d change(s) in %d s\n", changes, seconds);

@@ -28,6 +28,7 @@ int main(int argc, char** argv)
     const int seconds = argc > 2 ? std::atoi(argv[2]) : 1;
     constexpr int Rate = 48000, BlockFrames = Rate / 50;
 
+    //! [playback]
     // 20 ms periods in a 200 ms buffer; playing starts once 40 ms are queued.
     AlsaOutputDevice speaker(pcm, Rate, 2, SND_PCM_FORMAT_S16_LE, 20, 200);
     speaker.setStartThresholdMs(40);
@@ -62,5 +63,6 @@ int main(int argc, char** argv)
     drain.start();
     speaker.close(AudioOutputDevice::Drain);
     std::printf("drained in %lld ms\n", drain.elapsed());
+    //! [playback]
     return 0;
 }
