@@ -1,7 +1,7 @@
 // quil-soak: a host program under sound-server faults, for scripts/fault-soak.sh.
 // Through one ALSA device it captures (a live feed and time-shifted feeds that
 // come and go), plays a tone and watches and changes a mixer element, and
-// recovers each the way the README tells hosts to; meanwhile a thread of its
+// recovers each the way the host's guide tells hosts to; meanwhile a thread of its
 // own kills the private sound server (SIGKILL) and starts it again at random.
 // It prints what it counted and measured as "key value" lines.
 // Usage: quil-soak PCM SERVER(pulseaudio|pipewire) SERVER_DIR SECONDS [SEED]
@@ -294,7 +294,7 @@ void CaptureHost::churnFeeds()
     }
 }
 
-// The README's recipe: while capture is stopped with an error (its device
+// The host's guide's recipe: while capture is stopped with an error (its device
 // did not open), start it again every 2 s from this thread (a repeated
 // failure changes no status, so the listener alone would not do); a live
 // feed that a stop finished is replaced by a time-shifted feed at offset 0.

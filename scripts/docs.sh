@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the API reference (Doxygen over the public headers, README.md as its
-# main page) into build/docs/html; a public member without documentation fails it.
+# Builds the API reference (Doxygen over the public headers, docs/host-guide.md
+# as its main page) into build/docs/html; a public member without documentation fails it.
 # On a fresh Debian 12 or 13 machine run as root, it first installs the Debian
 # packages it needs.
 # Usage: scripts/docs.sh
