@@ -76,6 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const auto create = [&] {
         provider = std::make_unique<AudioInputDataProvider>(&device, ringMs, readFrames);
         device.failures = 0, mutedEver = false, firstFrame = device.deliveredFrames + 1;
+        device.framesAtOpen = device.deliveredFrames.load();
         CMBufferedDataTransfer kept;
         provider->liveFeed().onDataAvailable([kept](const QByteArray& block) mutable { kept.dataAvailable(block); });
         feeds = {Feed{provider->liveFeed(), kept}};
@@ -128,6 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         const quil::CaptureStatus now = provider->captureStatus();
         const char* reason = now.state == State::Restarting ? "Scripted read failure" : now.state == State::Running || now.errorString.isEmpty() ? "" : "Scripted open failure";
+        // The unbroken part of the ring: what was read since the last open (a muted block may be longer).
+        FUZZ_CHECK(mutedEver || provider->framesSinceResume() == device.deliveredFrames - device.framesAtOpen);
         FUZZ_CHECK(now.restartCount == device.failures && now.errorString == reason && now.errorCode == (*reason ? now.state == State::Stopped ? -ENODEV : -EIO : 0));
         for (Feed& feed : feeds) {
             const QByteArray bytes = feed.kept.readAll(); // the live feed's, all captured while muted or not

@@ -35,6 +35,7 @@ public:
         openedOnCaptureThread = std::strcmp(name, "AudioInputT") == 0;
         ++opens;
         setErrorString(failOpen ? QStringLiteral("Scripted open failure") : QString(), -ENODEV);
+        framesAtOpen = failOpen ? framesAtOpen.load() : deliveredFrames.load();
         return m_opened = !failOpen;
     }
     void close() override { ++closes, m_opened = false; }
@@ -79,7 +80,7 @@ public:
     QList<int> framesPerRead;   // cycled; empty: as many as asked for. Set before start().
     int rate = 48000;   // set before the provider is made
     std::atomic<int> opens{0}, closes{0}, reads{0}, deliveredFrames{0};   // reads: entered, waiting ones too
-    std::atomic<int> failures{0}, permitted{0};
+    std::atomic<int> failures{0}, permitted{0}, framesAtOpen{0};
 
 private:
     std::atomic<bool> m_opened{false};
