@@ -24,6 +24,14 @@
                                      << ": " __VA_ARGS__)
 
 namespace quil {
+
+// What follows snd_strerror(result) in the text of an ALSA failure.
+enum class AlsaTextEnd {
+    Nothing,
+    Paren, // ")", closing the parenthesis the message opened
+    ParenAndCode, // ") (" + result + ")": run-time PCM errors, whose text alone can be ambiguous
+};
+
 namespace detail {
 
 // Logs text at ERROR, attributed to the caller's file, line and function, and
@@ -38,62 +46,43 @@ inline void reportError(const log4cplus::Logger& log, const void* owner, long co
         ErrorRegistry::record(owner, QString::fromStdString(text), static_cast<int>(code));
 }
 
-// Logs (and records) message + snd_strerror(result) + suffix when result is negative.
-inline bool alsaFailed(const log4cplus::Logger& log, long result, const char* message, const char* suffix,
-                       const char* file, int line, const char* function, const void* error = nullptr)
+// Logs (and records) message + snd_strerror(result) + the text `end` names
+// when result is negative.
+inline bool alsaFailed(const char* file, int line, const char* function, const log4cplus::Logger& log,
+                       const void* owner, long result, const char* message, AlsaTextEnd end = AlsaTextEnd::Nothing)
 {
     if (result >= 0)
         return false;
-    if (error || log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
+    if (owner || log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
         std::ostringstream text;
-        text << message << snd_strerror(static_cast<int>(result)) << suffix;
-        reportError(log, error, result, text.str(), file, line, function);
+        text << message << snd_strerror(static_cast<int>(result));
+        if (end != AlsaTextEnd::Nothing)
+            text << ")";
+        if (end == AlsaTextEnd::ParenAndCode)
+            text << " (" << result << ")";
+        reportError(log, owner, result, text.str(), file, line, function);
     }
     return true;
-}
-
-// Logs (and records) message + snd_strerror(code) + ") (" + code + ")": run-time
-// PCM errors carry the number too, as the text alone can be ambiguous.
-inline void logRuntimeError(const log4cplus::Logger& log, long code, const char* message, const char* file, int line,
-                            const char* function, const void* error = nullptr)
-{
-    if (error || log.isEnabledFor(log4cplus::ERROR_LOG_LEVEL)) {
-        std::ostringstream text;
-        text << message << snd_strerror(static_cast<int>(code)) << ") (" << code << ")";
-        reportError(log, error, code, text.str(), file, line, function);
-    }
 }
 
 } // namespace detail
 } // namespace quil
 
-// True when an ALSA call failed; the failure is then logged as
-// message + snd_strerror(result).
-#define QUIL_ALSA_FAILED(result, message)                                                                              \
-    quil::detail::alsaFailed(logger, (result), message, "", __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION())
+// The two ways to report a failure, both attributed to the caller's file, line
+// and function, both recording the text with its code as the error value of
+// `owner` (nullptr: logged only).
 
-// The same for messages that open a parenthesis: message + snd_strerror(result) + ")".
-#define QUIL_ALSA_FAILED_PAREN(result, message)                                                                        \
-    quil::detail::alsaFailed(logger, (result), message, ")", __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION())
+// True when the ALSA result is negative; the failure is then reported as
+// message + snd_strerror(result), followed by what the optional AlsaTextEnd names.
+// As a statement it reports a run-time error code already known to be negative.
+#define QUIL_ALSA_FAILED(owner, result, ...)                                                                           \
+    quil::detail::alsaFailed(__FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION(), logger, (owner), (result), __VA_ARGS__)
 
-// Logs a run-time PCM error: message + snd_strerror(code) + ") (" + code + ")".
-#define QUIL_LOG_ALSA_RUNTIME_ERROR(code, message)                                                                     \
-    quil::detail::logRuntimeError(logger, (code), message, __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION())
-
-// The same three, also recording the failure as the error value of the object `error`.
-#define QUIL_ALSA_FAILED_TO(error, result, message)                                                                    \
-    quil::detail::alsaFailed(logger, (result), message, "", __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION(), (error))
-#define QUIL_ALSA_FAILED_PAREN_TO(error, result, message)                                                              \
-    quil::detail::alsaFailed(logger, (result), message, ")", __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION(), (error))
-#define QUIL_LOG_ALSA_RUNTIME_ERROR_TO(error, code, message)                                                           \
-    quil::detail::logRuntimeError(logger, (code), message, __FILE__, __LINE__, LOG4CPLUS_MACRO_FUNCTION(), (error))
-
-// LOG4CPLUS_ERROR(logger, streamed) that also records the text, with code
-// (0 when the failure has none), as the error value of the object `error`.
-#define QUIL_ERROR_TO(error, code, streamed)                                                                           \
+// Reports the streamed text with code (0 when the failure has none).
+#define QUIL_ERROR(owner, code, streamed)                                                                              \
     do {                                                                                                               \
         std::ostringstream quilErrorText_;                                                                             \
         quilErrorText_ << streamed; /* NOLINT(bugprone-macro-parentheses): a stream chain */                           \
-        quil::detail::reportError(logger, (error), (code), quilErrorText_.str(), __FILE__, __LINE__,                   \
+        quil::detail::reportError(logger, (owner), (code), quilErrorText_.str(), __FILE__, __LINE__,                   \
                                   LOG4CPLUS_MACRO_FUNCTION());                                                         \
     } while (false)

@@ -34,7 +34,7 @@ bool FileInputDevice::read(QByteArray* buffer, int frameCount)
     // Without a positive rate a block has no duration to pace by, and the
     // provider would spin through reads at full speed; fail as on a read error.
     if (m_sampleRate <= 0) {
-        QUIL_ERROR_TO(this, 0, "Cannot pace blocks at a sample rate of " << m_sampleRate);
+        QUIL_ERROR(this, 0, "Cannot pace blocks at a sample rate of " << m_sampleRate);
         return false;
     }
     // A format without a width, or no channels, gives frames of no bytes:
@@ -42,7 +42,7 @@ bool FileInputDevice::read(QByteArray* buffer, int frameCount)
     const qint64 frameBytes = qMax<qint64>(0, static_cast<qint64>(bytesPerSample()) * m_channelCount);
     const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
     if (blockBytes < 0) {
-        QUIL_ERROR_TO(this, 0, "Cannot read " << frameCount << " frames into one block");
+        QUIL_ERROR(this, 0, "Cannot read " << frameCount << " frames into one block");
         return false;
     }
     buffer->fill(0, static_cast<int>(blockBytes));
@@ -75,7 +75,7 @@ qint64 FileInputDevice::readFileInto(QByteArray* buffer)
             break;
         }
         if (got < 0) {
-            QUIL_ERROR_TO(this, -errno, "Error reading from file");
+            QUIL_ERROR(this, -errno, "Error reading from file");
             m_file.close();
             return -1;
         }
@@ -118,7 +118,7 @@ bool FileInputDevice::playFile(const QString& path)
     const bool opened = m_file.open(QIODevice::ReadOnly);
     const int openErrno = errno; // QFile keeps only its own error kind
     if (!opened)
-        QUIL_ERROR_TO(this, -openErrno, "Cannot open file: " << path);
+        QUIL_ERROR(this, -openErrno, "Cannot open file: " << path);
     else
         setErrorString(QString());
     return opened;

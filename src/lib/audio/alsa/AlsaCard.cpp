@@ -63,11 +63,11 @@ AlsaMixerElementPtr AlsaCard::loadMixerElement(const QString& name)
 {
     QUIL_TRACE_ENTRY(<< "Name: " << name << ", open " << isOpen());
     if (name.isEmpty()) {
-        QUIL_ERROR_TO(this, 0, "Cannot load mixer element with empty name");
+        QUIL_ERROR(this, 0, "Cannot load mixer element with empty name");
         return {};
     }
     if (!isOpen()) {
-        QUIL_ERROR_TO(this, 0, "Cannot load mixer element, not opened " << m_name);
+        QUIL_ERROR(this, 0, "Cannot load mixer element, not opened " << m_name);
         return {};
     }
 
@@ -78,7 +78,7 @@ AlsaMixerElementPtr AlsaCard::loadMixerElement(const QString& name)
 
     snd_mixer_elem_t* elem = m_handle->findElement(fullName);
     if (!elem) {
-        QUIL_ERROR_TO(this, 0, "Element '" << name << "' ('" << fullName << "') not found");
+        QUIL_ERROR(this, 0, "Element '" << name << "' ('" << fullName << "') not found");
         return {};
     }
     LOG4CPLUS_TRACE(logger, "Element '" << fullName << "' at " << static_cast<const void*>(elem));

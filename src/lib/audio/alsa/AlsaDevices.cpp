@@ -30,7 +30,7 @@ QList<AlsaDevices::Pcm> AlsaDevices::pcms(int* errorCode)
 {
     QUIL_TRACE_ENTRY();
     void** hints = nullptr;
-    if (QUIL_ALSA_FAILED(reported(snd_device_name_hint(-1, "pcm", &hints), errorCode),
+    if (QUIL_ALSA_FAILED(nullptr, reported(snd_device_name_hint(-1, "pcm", &hints), errorCode),
                          "Cannot read the device name hints: "))
         return {};
     const std::unique_ptr<void*, decltype(&snd_device_name_free_hint)> owned(hints, &snd_device_name_free_hint);
@@ -74,13 +74,14 @@ QVector<snd_pcm_format_t> AlsaDevices::formats(const QString& name, snd_pcm_stre
     QUIL_TRACE_ENTRY(<< "Name: " << name << ", stream: " << stream);
     snd_pcm_t* opened = nullptr;
     if (QUIL_ALSA_FAILED(
+            nullptr,
             reported(snd_pcm_open(&opened, name.toLocal8Bit().constData(), stream, SND_PCM_NONBLOCK), errorCode),
             "Cannot open the PCM to probe its formats: "))
         return {};
     const std::unique_ptr<snd_pcm_t, decltype(&snd_pcm_close)> pcm(opened, &snd_pcm_close);
     snd_pcm_hw_params_t* params = nullptr;
     snd_pcm_hw_params_alloca(&params);
-    if (QUIL_ALSA_FAILED(reported(snd_pcm_hw_params_any(pcm.get(), params), errorCode),
+    if (QUIL_ALSA_FAILED(nullptr, reported(snd_pcm_hw_params_any(pcm.get(), params), errorCode),
                          "Cannot read the PCM's hardware parameters: "))
         return {};
     QVector<snd_pcm_format_t> taken;

@@ -53,8 +53,8 @@ bool AlsaInputDevice::open()
 
     const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE);
     if (openResult < 0) {
-        QUIL_ERROR_TO(this, openResult,
-                      "Cannot open capture device '" << m_deviceName << "': " << snd_strerror(openResult));
+        QUIL_ERROR(this, openResult,
+                   "Cannot open capture device '" << m_deviceName << "': " << snd_strerror(openResult));
         return false;
     }
     LOG4CPLUS_TRACE(logger, "Capture device opened.");
@@ -65,7 +65,7 @@ bool AlsaInputDevice::open()
             snd_pcm_hw_params_free(params);
         cleanupPcm(&m_pcm);
     });
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_malloc(&params), "Cannot allocate hardware parameter structure: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_malloc(&params), "Cannot allocate hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params allocated");
     if (!setHwParams(params))
@@ -79,29 +79,29 @@ bool AlsaInputDevice::open()
 
 bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_any(m_pcm, params),
-                            "Cannot initialize hardware parameter structure: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_any(m_pcm, params),
+                         "Cannot initialize hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params initialized");
 
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                            "Cannot set access type: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+                         "Cannot set access type: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params access set");
 
-    if (QUIL_ALSA_FAILED_TO(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params format set: " << static_cast<int>(m_format));
 
     // Exact channel count and rate: the accessors must describe the delivered data.
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
-                            "Cannot set channel count: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
+                         "Cannot set channel count: "))
         return false;
     unsigned int channels = 0;
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_get_channels(params, &channels), "Cannot get channel count: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_get_channels(params, &channels), "Cannot get channel count: "))
         return false;
     if (channels != m_channelCount) {
-        QUIL_ERROR_TO(this, 0, "Could not set channel count to: " << m_channelCount);
+        QUIL_ERROR(this, 0, "Could not set channel count to: " << m_channelCount);
         return false;
     }
     LOG4CPLUS_TRACE(logger, "hw_params channels was set to: " << channels);
@@ -109,20 +109,20 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
     // ALSA's rate is unsigned: a negative one would reach it as a rate of some
     // four billion Hz, which plugins such as null accept.
     const int rateResult = m_sampleRate > 0 ? snd_pcm_hw_params_set_rate(m_pcm, params, m_sampleRate, 0) : -EINVAL;
-    if (QUIL_ALSA_FAILED_TO(this, rateResult, "Cannot set sample rate: "))
+    if (QUIL_ALSA_FAILED(this, rateResult, "Cannot set sample rate: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
 
     snd_pcm_uframes_t periodFrames = quil::framesForMs(m_sampleRate, m_periodTimeMs);
-    if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
-                                  "Unable to set period size for playback: ("))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
+                         "Unable to set period size for playback: (", quil::AlsaTextEnd::Paren))
         return false;
     snd_pcm_uframes_t bufferFrames = quil::framesForMs(m_sampleRate, m_bufferTimeMs);
-    if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
-                                  "Unable to set buffer size for playback: ("))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
+                         "Unable to set buffer size for playback: (", quil::AlsaTextEnd::Paren))
         return false;
 
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hw_params set");
     return true;
@@ -148,7 +148,7 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
     const qint64 frameBytes = static_cast<qint64>(quil::bytesPerSampleOf(m_format)) * m_channelCount;
     const qint64 blockBytes = quil::blockByteCount(frameCount, frameBytes);
     if (blockBytes < 0) {
-        QUIL_ERROR_TO(this, 0, "AlsaInputDevice: Cannot read " << frameCount << " frames into one block");
+        QUIL_ERROR(this, 0, "AlsaInputDevice: Cannot read " << frameCount << " frames into one block");
         return false;
     }
     buffer->resize(static_cast<int>(blockBytes));
@@ -167,7 +167,7 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
         else if (!recoverAfterReadError(frames))
             return false;
     }
-    QUIL_ERROR_TO(this, frames, "AlsaInputDevice: Cannot read data: " << snd_strerror(static_cast<int>(frames)));
+    QUIL_ERROR(this, frames, "AlsaInputDevice: Cannot read data: " << snd_strerror(static_cast<int>(frames)));
     cleanupPcm(&m_pcm);
     return false;
 }
@@ -177,11 +177,11 @@ bool AlsaInputDevice::read(QByteArray* buffer, int frameCount)
 bool AlsaInputDevice::recoverAfterReadError(snd_pcm_sframes_t error)
 {
     const int code = static_cast<int>(error);
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, readErrorPrefix(error));
+    QUIL_ALSA_FAILED(this, code, readErrorPrefix(error), quil::AlsaTextEnd::ParenAndCode);
     const int prepared = snd_pcm_prepare(m_pcm);
     if (prepared < 0) {
-        QUIL_ERROR_TO(this, prepared,
-                      "AlsaInputDevice: Cannot prepare audio interface for use: " << snd_strerror(prepared));
+        QUIL_ERROR(this, prepared,
+                   "AlsaInputDevice: Cannot prepare audio interface for use: " << snd_strerror(prepared));
         cleanupPcm(&m_pcm);
         return false;
     }

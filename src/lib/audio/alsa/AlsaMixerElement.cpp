@@ -8,6 +8,9 @@
 
 QUIL_AUDIO_DEFINE_LOGGER();
 
+// For the element's controls any result but 0 is a failure, positive ones
+// included; it is reported as the described action + " failed: " + the error text.
+
 namespace {
 
 // ALSA's front-left channel, also the only channel of a mono element.
@@ -20,30 +23,7 @@ template <class Function> Function* side(AlsaElementMode mode, Function* playbac
     return mode == 0 ? playback : capture;
 }
 
-// For the element's controls any result but 0 is a failure, positive ones
-// included; it is logged as the described action + " failed: " + the error
-// text, which also becomes the element's error value.
-template <class Describe>
-bool elementCallFailed(const log4cplus::Logger& log, const void* error, int result, Describe describe, const char* file,
-                       int line, const char* function)
-{
-    if (result == 0)
-        return false;
-    std::ostringstream text;
-    describe(text);
-    text << " failed: " << snd_strerror(result);
-    quil::detail::reportError(log, error, result, text.str(), file, line, function);
-    return true;
-}
-
 } // namespace
-
-// NOLINTBEGIN(bugprone-macro-parentheses): action is a stream chain
-#define QUIL_ELEMENT_CALL_FAILED(result, action)                                                                       \
-    elementCallFailed(                                                                                                 \
-        logger, this, (result), [&](std::ostream& text) { text << action; }, __FILE__, __LINE__,                       \
-        LOG4CPLUS_MACRO_FUNCTION())
-// NOLINTEND(bugprone-macro-parentheses)
 
 AlsaMixerElement::AlsaMixerElement(const QString& name, _snd_mixer_elem* elem, QSharedPointer<AlsaMixerHandle> handle)
     : m_name(name)
@@ -78,7 +58,7 @@ bool AlsaMixerElement::isUsableLogged() const
 {
     if (isUsable())
         return true;
-    QUIL_ERROR_TO(this, 0, "Mixer element " << m_name << " is no longer available");
+    QUIL_ERROR(this, 0, "Mixer element " << m_name << " is no longer available");
     return false;
 }
 
@@ -96,7 +76,9 @@ bool AlsaMixerElement::setDB(double dB, AlsaElementMode mode)
                                                                                 : static_cast<long>(hundredths);
     const int result =
         side(mode, snd_mixer_selem_set_playback_dB_all, snd_mixer_selem_set_capture_dB_all)(m_elem, value, -1);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Set dB on: " << m_name << " to: " << dB);
+    if (result != 0)
+        QUIL_ERROR(this, result, "Set dB on: " << m_name << " to: " << dB << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 bool AlsaMixerElement::getDB(double* dB, AlsaElementMode mode)
@@ -107,8 +89,10 @@ bool AlsaMixerElement::getDB(double* dB, AlsaElementMode mode)
     long value = 0;
     const int result =
         side(mode, snd_mixer_selem_get_playback_dB, snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &value);
-    if (QUIL_ELEMENT_CALL_FAILED(result, "Get dB on: " << m_name))
+    if (result != 0) {
+        QUIL_ERROR(this, result, "Get dB on: " << m_name << " failed: " << snd_strerror(result));
         return false;
+    }
     *dB = value / 100.0;
     return true;
 }
@@ -130,7 +114,10 @@ bool AlsaMixerElement::setVolume(long value, AlsaElementMode mode)
         return false;
     const int result =
         side(mode, snd_mixer_selem_set_playback_volume_all, snd_mixer_selem_set_capture_volume_all)(m_elem, value);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Set volume on: " << m_name << " to: " << value);
+    if (result != 0)
+        QUIL_ERROR(this, result,
+                   "Set volume on: " << m_name << " to: " << value << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 bool AlsaMixerElement::getVolume(long* value, AlsaElementMode mode)
@@ -140,7 +127,9 @@ bool AlsaMixerElement::getVolume(long* value, AlsaElementMode mode)
         return false;
     const int result = side(mode, snd_mixer_selem_get_playback_volume,
                             snd_mixer_selem_get_capture_volume)(m_elem, FirstChannel, value);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Get volume on: " << m_name);
+    if (result != 0)
+        QUIL_ERROR(this, result, "Get volume on: " << m_name << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 bool AlsaMixerElement::getVolumeRange(long* min, long* max, AlsaElementMode mode)
@@ -150,7 +139,9 @@ bool AlsaMixerElement::getVolumeRange(long* min, long* max, AlsaElementMode mode
         return false;
     const int result = side(mode, snd_mixer_selem_get_playback_volume_range,
                             snd_mixer_selem_get_capture_volume_range)(m_elem, min, max);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Get volume range on: " << m_name);
+    if (result != 0)
+        QUIL_ERROR(this, result, "Get volume range on: " << m_name << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 bool AlsaMixerElement::hasSwitch(AlsaElementMode mode)
@@ -168,7 +159,9 @@ bool AlsaMixerElement::setSwitch(bool on, AlsaElementMode mode)
         return false;
     const int result =
         side(mode, snd_mixer_selem_set_playback_switch_all, snd_mixer_selem_set_capture_switch_all)(m_elem, on ? 1 : 0);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Set switch on: " << m_name << " to: " << on);
+    if (result != 0)
+        QUIL_ERROR(this, result, "Set switch on: " << m_name << " to: " << on << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 bool AlsaMixerElement::getSwitch(bool* on, AlsaElementMode mode)
@@ -179,8 +172,10 @@ bool AlsaMixerElement::getSwitch(bool* on, AlsaElementMode mode)
     int value = 0;
     const int result = side(mode, snd_mixer_selem_get_playback_switch,
                             snd_mixer_selem_get_capture_switch)(m_elem, FirstChannel, &value);
-    if (QUIL_ELEMENT_CALL_FAILED(result, "Get switch: " << m_name))
+    if (result != 0) {
+        QUIL_ERROR(this, result, "Get switch: " << m_name << " failed: " << snd_strerror(result));
         return false;
+    }
     *on = value == 1;
     return true;
 }
@@ -192,7 +187,9 @@ bool AlsaMixerElement::setEnum(unsigned int item)
     if (!isUsableLogged())
         return false;
     const int result = snd_mixer_selem_set_enum_item(m_elem, FirstChannel, item);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Set Enum: " << m_name);
+    if (result != 0)
+        QUIL_ERROR(this, result, "Set Enum: " << m_name << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 bool AlsaMixerElement::getEnum(unsigned int* item)
@@ -200,7 +197,9 @@ bool AlsaMixerElement::getEnum(unsigned int* item)
     if (!isUsableLogged())
         return false;
     const int result = snd_mixer_selem_get_enum_item(m_elem, FirstChannel, item);
-    return !QUIL_ELEMENT_CALL_FAILED(result, "Get Enum: " << m_name);
+    if (result != 0)
+        QUIL_ERROR(this, result, "Get Enum: " << m_name << " failed: " << snd_strerror(result));
+    return result == 0;
 }
 
 size_t AlsaMixerElement::getEnumSize()
@@ -208,8 +207,10 @@ size_t AlsaMixerElement::getEnumSize()
     if (!isUsableLogged())
         return 0;
     const int items = snd_mixer_selem_get_enum_items(m_elem);
-    if (QUIL_ELEMENT_CALL_FAILED(items < 0 ? items : 0, "Get Enum size: " << m_name))
+    if (items < 0) {
+        QUIL_ERROR(this, items, "Get Enum size: " << m_name << " failed: " << snd_strerror(items));
         return 0;
+    }
     return static_cast<size_t>(items);
 }
 
@@ -219,8 +220,10 @@ bool AlsaMixerElement::getEnumItemName(unsigned int index, QString* name)
         return false;
     char buffer[100];
     const int result = snd_mixer_selem_get_enum_item_name(m_elem, index, sizeof buffer, buffer);
-    if (QUIL_ELEMENT_CALL_FAILED(result, "Get Enum item name: " << m_name))
+    if (result != 0) {
+        QUIL_ERROR(this, result, "Get Enum item name: " << m_name << " failed: " << snd_strerror(result));
         return false;
+    }
     *name = QString::fromUtf8(buffer);
     return true;
 }

@@ -25,18 +25,18 @@ QSharedPointer<AlsaMixerHandle> AlsaMixerHandle::openHandle(const QString& name,
 {
     QUIL_TRACE_ENTRY(<< "Name: " << name);
     snd_mixer_t* mixer = nullptr;
-    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_open(&mixer, 0), "Mixer open error: "))
+    if (QUIL_ALSA_FAILED(error, snd_mixer_open(&mixer, 0), "Mixer open error: "))
         return {};
 
     // From here on, dropping this pointer closes the mixer on every failure.
     QSharedPointer<AlsaMixerHandle> handle(new AlsaMixerHandle(mixer));
     const QByteArray deviceName = name.toUtf8();
-    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_attach(mixer, deviceName.constData()),
-                            ("Mixer attach " + deviceName + " error: ").constData()))
+    if (QUIL_ALSA_FAILED(error, snd_mixer_attach(mixer, deviceName.constData()),
+                         ("Mixer attach " + deviceName + " error: ").constData()))
         return {};
-    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_selem_register(mixer, nullptr, nullptr), "Mixer register error: "))
+    if (QUIL_ALSA_FAILED(error, snd_mixer_selem_register(mixer, nullptr, nullptr), "Mixer register error: "))
         return {};
-    if (QUIL_ALSA_FAILED_TO(error, snd_mixer_load(mixer), ("Mixer " + deviceName + " load error: ").constData()))
+    if (QUIL_ALSA_FAILED(error, snd_mixer_load(mixer), ("Mixer " + deviceName + " load error: ").constData()))
         return {};
     if (!handle->fetchPollDescriptors(error))
         return {};
@@ -50,13 +50,13 @@ bool AlsaMixerHandle::fetchPollDescriptors(const void* error)
 {
     const int count = snd_mixer_poll_descriptors_count(m_mixer);
     if (count <= 0) {
-        QUIL_ERROR_TO(error, count, "Failed to get poll descriptors count: " << count);
+        QUIL_ERROR(error, count, "Failed to get poll descriptors count: " << count);
         return false;
     }
     m_pollFds.resize(count);
     const int filled = snd_mixer_poll_descriptors(m_mixer, m_pollFds.data(), static_cast<unsigned int>(count));
     if (filled <= 0) {
-        QUIL_ERROR_TO(error, filled, "Failed to get poll descriptors: " << filled);
+        QUIL_ERROR(error, filled, "Failed to get poll descriptors: " << filled);
         return false;
     }
     m_pollFds.resize(qMin(filled, count));
@@ -147,14 +147,14 @@ void AlsaMixerHandle::on_alsaMixerEvent_received(int fd)
         return;
     const unsigned short revents = pendingPollEvents();
     if (revents & (POLLERR | POLLNVAL)) {
-        QUIL_ERROR_TO(this, 0, "POLLERR | POLLNVAL: " << revents);
+        QUIL_ERROR(this, 0, "POLLERR | POLLNVAL: " << revents);
         close();
         return;
     }
     // A backend that died (e.g. a sound server that went away) fails here on
     // every wake-up while its descriptor stays readable: without closing, the
     // event loop would come straight back, spinning a core.
-    if (QUIL_ALSA_FAILED_TO(this, snd_mixer_handle_events(m_mixer), "Mixer event handling error: "))
+    if (QUIL_ALSA_FAILED(this, snd_mixer_handle_events(m_mixer), "Mixer event handling error: "))
         close();
 }
 

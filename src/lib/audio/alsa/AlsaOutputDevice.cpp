@@ -121,8 +121,8 @@ bool AlsaOutputDevice::open()
 
     const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK);
     if (openResult < 0) {
-        QUIL_ERROR_TO(this, openResult,
-                      "Cannot open playback device '" << m_deviceName << "': " << snd_strerror(openResult));
+        QUIL_ERROR(this, openResult,
+                   "Cannot open playback device '" << m_deviceName << "': " << snd_strerror(openResult));
         return false;
     }
     LOG4CPLUS_TRACE(logger, "Playback device opened.");
@@ -144,23 +144,23 @@ bool AlsaOutputDevice::setHwParams()
     snd_pcm_hw_params_t* params = nullptr;
     snd_pcm_hw_params_alloca(&params);
 
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_any(m_pcm, params),
-                            "Cannot initialize hardware parameter structure: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_any(m_pcm, params),
+                         "Cannot initialize hardware parameter structure: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams initialized");
 
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                            "Cannot set access type: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+                         "Cannot set access type: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams access set");
 
-    if (QUIL_ALSA_FAILED_TO(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
         return false;
     LOG4CPLUS_TRACE(logger, "hwParams format set: " << static_cast<int>(m_format));
 
     if (!negotiateChannels(params) || !negotiateRate(params) || !requestPeriodAndBuffer(params))
         return false;
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
         return false;
     return readBackPeriodAndBuffer(params);
 }
@@ -168,11 +168,11 @@ bool AlsaOutputDevice::setHwParams()
 bool AlsaOutputDevice::negotiateChannels(snd_pcm_hw_params_t* params)
 {
     m_channels = m_requestedChannels;
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_hw_params_set_channels_near(m_pcm, params, &m_channels),
-                            "Cannot set channel count: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_channels_near(m_pcm, params, &m_channels),
+                         "Cannot set channel count: "))
         return false;
     if (m_channels != m_requestedChannels && !m_channelsNear) {
-        QUIL_ERROR_TO(this, 0, "Could not set channel count to: " << m_requestedChannels);
+        QUIL_ERROR(this, 0, "Could not set channel count to: " << m_requestedChannels);
         return false;
     }
     LOG4CPLUS_TRACE(logger, "hwParams channels was set to: " << m_channels);
@@ -187,10 +187,10 @@ bool AlsaOutputDevice::negotiateRate(snd_pcm_hw_params_t* params)
     const int result = m_sampleRate <= static_cast<unsigned int>(std::numeric_limits<int>::max())
                            ? snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr)
                            : -EINVAL;
-    if (QUIL_ALSA_FAILED_TO(this, result, "Cannot set sample rate: "))
+    if (QUIL_ALSA_FAILED(this, result, "Cannot set sample rate: "))
         return false;
     if (m_sampleRate != m_requestedSampleRate && !m_samplerateNear) {
-        QUIL_ERROR_TO(this, 0, "Could not set sample rate to: " << m_requestedSampleRate);
+        QUIL_ERROR(this, 0, "Could not set sample rate to: " << m_requestedSampleRate);
         return false;
     }
     LOG4CPLUS_TRACE(logger, "hwParams rate set: " << m_sampleRate);
@@ -203,15 +203,14 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
 {
     if (const auto period = requestedFrames(m_requestedPeriodSize, m_requestedPeriodTimeMs, m_sampleRate)) {
         m_periodSize = *period;
-        if (QUIL_ALSA_FAILED_PAREN_TO(this,
-                                      snd_pcm_hw_params_set_period_size_near(m_pcm, params, &m_periodSize, nullptr),
-                                      "Unable to set period size for playback: ("))
+        if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_period_size_near(m_pcm, params, &m_periodSize, nullptr),
+                             "Unable to set period size for playback: (", quil::AlsaTextEnd::Paren))
             return false;
     }
     if (const auto buffer = requestedFrames(m_requestedBufferSize, m_requestedBufferTimeMs, m_sampleRate)) {
         m_bufferSize = *buffer;
-        if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &m_bufferSize),
-                                      "Unable to set buffer size for playback: ("))
+        if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &m_bufferSize),
+                             "Unable to set buffer size for playback: (", quil::AlsaTextEnd::Paren))
             return false;
     }
     return true;
@@ -219,11 +218,11 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
 
 bool AlsaOutputDevice::readBackPeriodAndBuffer(snd_pcm_hw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_get_period_size(params, &m_periodSize, nullptr),
-                                  "Unable to get period size for playback: ("))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_get_period_size(params, &m_periodSize, nullptr),
+                         "Unable to get period size for playback: (", quil::AlsaTextEnd::Paren))
         return false;
-    return !QUIL_ALSA_FAILED_PAREN_TO(this, snd_pcm_hw_params_get_buffer_size(params, &m_bufferSize),
-                                      "Unable to get buffer size for playback: (");
+    return !QUIL_ALSA_FAILED(this, snd_pcm_hw_params_get_buffer_size(params, &m_bufferSize),
+                             "Unable to get buffer size for playback: (", quil::AlsaTextEnd::Paren);
 }
 
 bool AlsaOutputDevice::setSwParams()
@@ -231,14 +230,14 @@ bool AlsaOutputDevice::setSwParams()
     snd_pcm_sw_params_t* params = nullptr;
     snd_pcm_sw_params_alloca(&params);
 
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_current(m_pcm, params),
-                            "Unable to determine current swparams for playback: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_sw_params_current(m_pcm, params),
+                         "Unable to determine current swparams for playback: "))
         return false;
     if (!applyStartThreshold(params))
         return false;
     if (m_tstampEnabled && !applyTimestamps(params))
         return false;
-    return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params(m_pcm, params), "Unable to set sw params for playback: ");
+    return !QUIL_ALSA_FAILED(this, snd_pcm_sw_params(m_pcm, params), "Unable to set sw params for playback: ");
 }
 
 // Without a request the device's own threshold stays and is only reported;
@@ -247,28 +246,27 @@ bool AlsaOutputDevice::applyStartThreshold(snd_pcm_sw_params_t* params)
 {
     const auto threshold = requestedFrames(m_requestedStartThreshold, m_requestedStartThresholdMs, m_sampleRate);
     if (!threshold) {
-        return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_get_start_threshold(params, &m_startThreshold),
-                                    "Unable to get start threshold mode for playback: ");
+        return !QUIL_ALSA_FAILED(this, snd_pcm_sw_params_get_start_threshold(params, &m_startThreshold),
+                                 "Unable to get start threshold mode for playback: ");
     }
     m_startThreshold = *threshold;
     if (m_bufferSize < m_startThreshold) {
         LOG4CPLUS_WARN(logger, "Start threshold is bigger then buffer size, setting to: " << m_bufferSize);
         m_startThreshold = m_bufferSize;
     }
-    return !QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_set_start_threshold(m_pcm, params, m_startThreshold),
-                                "Unable to set start threshold mode for playback: ");
+    return !QUIL_ALSA_FAILED(this, snd_pcm_sw_params_set_start_threshold(m_pcm, params, m_startThreshold),
+                             "Unable to set start threshold mode for playback: ");
 }
 
 // delay() compares the status timestamp with CLOCK_MONOTONIC_RAW, so ALSA
 // must take it on that clock.
 bool AlsaOutputDevice::applyTimestamps(snd_pcm_sw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED_TO(this, snd_pcm_sw_params_set_tstamp_mode(m_pcm, params, SND_PCM_TSTAMP_ENABLE),
-                            "Unable to set tstamp mode for playback: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_sw_params_set_tstamp_mode(m_pcm, params, SND_PCM_TSTAMP_ENABLE),
+                         "Unable to set tstamp mode for playback: "))
         return false;
-    return !QUIL_ALSA_FAILED_TO(this,
-                                snd_pcm_sw_params_set_tstamp_type(m_pcm, params, SND_PCM_TSTAMP_TYPE_MONOTONIC_RAW),
-                                "Unable to set tstamp type for playback: ");
+    return !QUIL_ALSA_FAILED(this, snd_pcm_sw_params_set_tstamp_type(m_pcm, params, SND_PCM_TSTAMP_TYPE_MONOTONIC_RAW),
+                             "Unable to set tstamp type for playback: ");
 }
 
 AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
@@ -304,18 +302,19 @@ AudioOutputDevice::WriteResult AlsaOutputDevice::write(const QByteArray& data)
 // frames of the block not yet taken are dropped rather than played late.
 AudioOutputDevice::WriteResult AlsaOutputDevice::recoverFromWriteXrun(int code)
 {
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, "AlsaOutputDevice: error while writing: an xrun occurred (EPIPE: ");
+    QUIL_ALSA_FAILED(this, code, "AlsaOutputDevice: error while writing: an xrun occurred (EPIPE: ",
+                     quil::AlsaTextEnd::ParenAndCode);
     const int recovered = snd_pcm_recover(m_pcm, code, 0);
     if (recovered >= 0)
         return XrunRecovered;
-    QUIL_ERROR_TO(this, recovered, "AlsaOutputDevice: error while recover, closing");
+    QUIL_ERROR(this, recovered, "AlsaOutputDevice: error while recover, closing");
     cleanupPcm(&m_pcm);
     return DeviceClosed;
 }
 
 AudioOutputDevice::WriteResult AlsaOutputDevice::closeAfterWriteError(int code)
 {
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, "AlsaOutputDevice: error while writing: (");
+    QUIL_ALSA_FAILED(this, code, "AlsaOutputDevice: error while writing: (", quil::AlsaTextEnd::ParenAndCode);
     cleanupPcm(&m_pcm);
     return DeviceClosed;
 }
@@ -329,12 +328,14 @@ int AlsaOutputDevice::framesReady() const
         return static_cast<int>(frames);
     const int code = static_cast<int>(frames);
     if (code == -EPIPE) {
-        QUIL_LOG_ALSA_RUNTIME_ERROR_TO(
-            this, code, "AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ");
+        QUIL_ALSA_FAILED(this, code,
+                         "AlsaOutputDevice: error while getting available frames: an xrun occurred (EPIPE: ",
+                         quil::AlsaTextEnd::ParenAndCode);
         snd_pcm_recover(m_pcm, code, 0);
         return 0;
     }
-    QUIL_LOG_ALSA_RUNTIME_ERROR_TO(this, code, "AlsaOutputDevice: error while getting available frames: (");
+    QUIL_ALSA_FAILED(this, code, "AlsaOutputDevice: error while getting available frames: (",
+                     quil::AlsaTextEnd::ParenAndCode);
     return -1;
 }
 
@@ -346,7 +347,7 @@ int AlsaOutputDevice::delay(int64_t* sinceStatusUs) const
     snd_pcm_status_alloca(&status);
     const int statusResult = snd_pcm_status(m_pcm, status);
     if (statusResult != 0) {
-        QUIL_ERROR_TO(this, statusResult, "AlsaOutputDevice: failed to get pcm status, clear last rendering delay");
+        QUIL_ERROR(this, statusResult, "AlsaOutputDevice: failed to get pcm status, clear last rendering delay");
         return -1;
     }
     snd_htimestamp_t statusTime{};
