@@ -51,27 +51,14 @@ bool AlsaInputDevice::open()
         return true;
     }
 
-    const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE);
-    if (openResult < 0) {
-        QUIL_ERROR(this, openResult,
-                   "Cannot open capture device '" << m_deviceName << "': " << snd_strerror(openResult));
+    if (!quil::openPcm(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE, this))
         return false;
-    }
-    LOG4CPLUS_TRACE(logger, "Capture device opened.");
-
-    snd_pcm_hw_params_t* params = nullptr;
-    quil::CleanupAction cleanup([this, &params] {
-        if (params)
-            snd_pcm_hw_params_free(params);
-        cleanupPcm(&m_pcm);
-    });
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_malloc(&params), "Cannot allocate hardware parameter structure: "))
-        return false;
-    LOG4CPLUS_TRACE(logger, "hw_params allocated");
-    if (!setHwParams(params))
+    quil::CleanupAction cleanup([this] { cleanupPcm(&m_pcm); });
+    // Freed before the cleanup closes the PCM, as it is declared after it.
+    const quil::HwParams params = quil::startHwParams(m_pcm, m_format, this, "hw_params");
+    if (!params || !setHwParams(params.get()))
         return false;
 
-    snd_pcm_hw_params_free(params);
     cleanup.dismiss();
     setErrorString(QString());
     return true;
@@ -79,20 +66,6 @@ bool AlsaInputDevice::open()
 
 bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
 {
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_any(m_pcm, params),
-                         "Cannot initialize hardware parameter structure: "))
-        return false;
-    LOG4CPLUS_TRACE(logger, "hw_params initialized");
-
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                         "Cannot set access type: "))
-        return false;
-    LOG4CPLUS_TRACE(logger, "hw_params access set");
-
-    if (QUIL_ALSA_FAILED(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
-        return false;
-    LOG4CPLUS_TRACE(logger, "hw_params format set: " << static_cast<int>(m_format));
-
     // Exact channel count and rate: the accessors must describe the delivered data.
     if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_channels(m_pcm, params, m_channelCount),
                          "Cannot set channel count: "))
@@ -114,12 +87,10 @@ bool AlsaInputDevice::setHwParams(snd_pcm_hw_params_t* params)
     LOG4CPLUS_TRACE(logger, "hw_params rate set: " << m_sampleRate);
 
     snd_pcm_uframes_t periodFrames = quil::framesForMs(m_sampleRate, m_periodTimeMs);
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_period_size_near(m_pcm, params, &periodFrames, nullptr),
-                         "Unable to set period size for playback: (", quil::AlsaTextEnd::Paren))
+    if (!quil::setPeriodSizeNear(m_pcm, params, &periodFrames, this))
         return false;
     snd_pcm_uframes_t bufferFrames = quil::framesForMs(m_sampleRate, m_bufferTimeMs);
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &bufferFrames),
-                         "Unable to set buffer size for playback: (", quil::AlsaTextEnd::Paren))
+    if (!quil::setBufferSizeNear(m_pcm, params, &bufferFrames, this))
         return false;
 
     if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
@@ -212,8 +183,5 @@ QString AlsaInputDevice::name() const { return m_deviceName; }
 void AlsaInputDevice::cleanupPcm(snd_pcm_t** pcm)
 {
     QUIL_TRACE_ENTRY();
-    if (*pcm) {
-        snd_pcm_close(*pcm);
-        *pcm = nullptr;
-    }
+    quil::closePcm(pcm);
 }

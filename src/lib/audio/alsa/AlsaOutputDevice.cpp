@@ -119,14 +119,8 @@ bool AlsaOutputDevice::open()
         return true;
     }
 
-    const int openResult = quil::openPcmWithRetries(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK);
-    if (openResult < 0) {
-        QUIL_ERROR(this, openResult,
-                   "Cannot open playback device '" << m_deviceName << "': " << snd_strerror(openResult));
+    if (!quil::openPcm(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK, this))
         return false;
-    }
-    LOG4CPLUS_TRACE(logger, "Playback device opened.");
-
     quil::CleanupAction cleanup([this] { cleanupPcm(&m_pcm); });
     if (!setHwParams())
         return false;
@@ -141,28 +135,14 @@ bool AlsaOutputDevice::open()
 
 bool AlsaOutputDevice::setHwParams()
 {
-    snd_pcm_hw_params_t* params = nullptr;
-    snd_pcm_hw_params_alloca(&params);
-
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_any(m_pcm, params),
-                         "Cannot initialize hardware parameter structure: "))
+    const quil::HwParams params = quil::startHwParams(m_pcm, m_format, this, "hwParams");
+    if (!params)
         return false;
-    LOG4CPLUS_TRACE(logger, "hwParams initialized");
-
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_access(m_pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                         "Cannot set access type: "))
+    if (!negotiateChannels(params.get()) || !negotiateRate(params.get()) || !requestPeriodAndBuffer(params.get()))
         return false;
-    LOG4CPLUS_TRACE(logger, "hwParams access set");
-
-    if (QUIL_ALSA_FAILED(this, quil::setWholeByteFormat(m_pcm, params, m_format), "Cannot set sample format: "))
+    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params(m_pcm, params.get()), "Cannot set device parameters: "))
         return false;
-    LOG4CPLUS_TRACE(logger, "hwParams format set: " << static_cast<int>(m_format));
-
-    if (!negotiateChannels(params) || !negotiateRate(params) || !requestPeriodAndBuffer(params))
-        return false;
-    if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params(m_pcm, params), "Cannot set device parameters: "))
-        return false;
-    return readBackPeriodAndBuffer(params);
+    return readBackPeriodAndBuffer(params.get());
 }
 
 bool AlsaOutputDevice::negotiateChannels(snd_pcm_hw_params_t* params)
@@ -203,14 +183,12 @@ bool AlsaOutputDevice::requestPeriodAndBuffer(snd_pcm_hw_params_t* params)
 {
     if (const auto period = requestedFrames(m_requestedPeriodSize, m_requestedPeriodTimeMs, m_sampleRate)) {
         m_periodSize = *period;
-        if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_period_size_near(m_pcm, params, &m_periodSize, nullptr),
-                             "Unable to set period size for playback: (", quil::AlsaTextEnd::Paren))
+        if (!quil::setPeriodSizeNear(m_pcm, params, &m_periodSize, this))
             return false;
     }
     if (const auto buffer = requestedFrames(m_requestedBufferSize, m_requestedBufferTimeMs, m_sampleRate)) {
         m_bufferSize = *buffer;
-        if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_buffer_size_near(m_pcm, params, &m_bufferSize),
-                             "Unable to set buffer size for playback: (", quil::AlsaTextEnd::Paren))
+        if (!quil::setBufferSizeNear(m_pcm, params, &m_bufferSize, this))
             return false;
     }
     return true;
@@ -405,8 +383,5 @@ unsigned int AlsaOutputDevice::startThresholdMs() const { return msForFrames(m_s
 void AlsaOutputDevice::cleanupPcm(snd_pcm_t** pcm)
 {
     QUIL_TRACE_ENTRY();
-    if (*pcm) {
-        snd_pcm_close(*pcm);
-        *pcm = nullptr;
-    }
+    quil::closePcm(pcm);
 }

@@ -4,6 +4,11 @@
 
 #include <alsa/asoundlib.h>
 
+#include <memory>
+
+// The steps of opening a PCM that capture and playback take alike. A failing
+// step is logged and recorded as the error value of `owner`.
+
 namespace quil {
 
 // Devices that are being brought up by another process (a sound server
@@ -15,5 +20,26 @@ constexpr unsigned int PcmOpenRetryDelayUs = 250000;
 // Opens `name` in blocking mode into *pcm, retrying as above. Returns 0 on
 // success, else the last attempt's ALSA error code (and *pcm stays null).
 int openPcmWithRetries(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream);
+
+// openPcmWithRetries(), the failure reported as the capture or playback device's.
+bool openPcm(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner);
+
+struct HwParamsFree {
+    void operator()(snd_pcm_hw_params_t* params) const { snd_pcm_hw_params_free(params); }
+};
+// On the heap: its allocation can fail and is then reported like any other
+// step (capture always did), and the owner frees it on every path.
+using HwParams = std::unique_ptr<snd_pcm_hw_params_t, HwParamsFree>;
+
+// Allocates the hardware parameters and sets interleaved access and the format;
+// null after a failure. `label` begins the TRACE lines of the steps.
+HwParams startHwParams(snd_pcm_t* pcm, snd_pcm_format_t format, const void* owner, const char* label);
+
+// The period and buffer size nearest to *frames, which receives ALSA's answer.
+bool setPeriodSizeNear(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, snd_pcm_uframes_t* frames, const void* owner);
+bool setBufferSizeNear(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, snd_pcm_uframes_t* frames, const void* owner);
+
+// Closes *pcm if open and nulls it.
+void closePcm(snd_pcm_t** pcm);
 
 } // namespace quil
