@@ -9,32 +9,24 @@ QUIL_AUDIO_DEFINE_LOGGER();
 
 namespace quil {
 
-int openPcmWithRetries(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream)
+bool openPcm(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner)
 {
+    const bool capture = stream == SND_PCM_STREAM_CAPTURE;
     const QByteArray utf8Name = name.toUtf8();
     int result = 0;
     for (int attempt = 0; attempt < PcmOpenAttempts; ++attempt) {
         result = snd_pcm_open(pcm, utf8Name.constData(), stream, 0);
-        if (result >= 0)
-            return 0;
+        if (result >= 0) {
+            LOG4CPLUS_TRACE(logger, (capture ? "Capture" : "Playback") << " device opened.");
+            return true;
+        }
         *pcm = nullptr;
         usleep(PcmOpenRetryDelayUs);
     }
-    return result;
-}
-
-bool openPcm(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner)
-{
-    const bool capture = stream == SND_PCM_STREAM_CAPTURE;
-    const int result = openPcmWithRetries(pcm, name, stream);
-    if (result < 0) {
-        QUIL_ERROR(owner, result,
-                   "Cannot open " << (capture ? "capture" : "playback") << " device '" << name
-                                  << "': " << snd_strerror(result));
-        return false;
-    }
-    LOG4CPLUS_TRACE(logger, (capture ? "Capture" : "Playback") << " device opened.");
-    return true;
+    QUIL_ERROR(owner, result,
+               "Cannot open " << (capture ? "capture" : "playback") << " device '" << name
+                              << "': " << snd_strerror(result));
+    return false;
 }
 
 HwParams startHwParams(snd_pcm_t* pcm, snd_pcm_format_t format, const void* owner, const char* label)

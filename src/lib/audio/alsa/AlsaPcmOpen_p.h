@@ -17,11 +17,8 @@ namespace quil {
 constexpr int PcmOpenAttempts = 4;
 constexpr unsigned int PcmOpenRetryDelayUs = 250000;
 
-// Opens `name` in blocking mode into *pcm, retrying as above. Returns 0 on
-// success, else the last attempt's ALSA error code (and *pcm stays null).
-int openPcmWithRetries(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream);
-
-// openPcmWithRetries(), the failure reported as the capture or playback device's.
+// Opens `name` in blocking mode into *pcm, retrying as above. After the last
+// attempt failed, *pcm is null and its code is the one reported.
 bool openPcm(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner);
 
 struct HwParamsFree {
