@@ -25,7 +25,7 @@ struct HwParamsFree {
     void operator()(snd_pcm_hw_params_t* params) const { snd_pcm_hw_params_free(params); }
 };
 // On the heap: its allocation can fail and is then reported like any other
-// step (capture always did), and the owner frees it on every path.
+// step (capture always did), and the unique_ptr frees it on every path.
 using HwParams = std::unique_ptr<snd_pcm_hw_params_t, HwParamsFree>;
 
 // Allocates the hardware parameters and sets interleaved access and the format;
