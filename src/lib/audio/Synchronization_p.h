@@ -14,23 +14,13 @@ namespace quil {
 
 // Everything the calling thread did so far happens before whatever follows
 // acceptHandOff(key) in the thread that a queued call or deletion reaches.
-inline void publishHandOff(const void* key)
-{
 #if defined(__SANITIZE_THREAD__)
-    __tsan_release(const_cast<void*>(key));
+inline void publishHandOff(const void* key) { __tsan_release(const_cast<void*>(key)); }
+inline void acceptHandOff(const void* key) { __tsan_acquire(const_cast<void*>(key)); }
 #else
-    Q_UNUSED(key);
+inline void publishHandOff(const void* /*key*/) {}
+inline void acceptHandOff(const void* /*key*/) {}
 #endif
-}
-
-inline void acceptHandOff(const void* key)
-{
-#if defined(__SANITIZE_THREAD__)
-    __tsan_acquire(const_cast<void*>(key));
-#else
-    Q_UNUSED(key);
-#endif
-}
 
 // QMutexLocker for the library's own mutexes.
 class MutexLocker {
