@@ -21,6 +21,13 @@ constexpr int NotRequested = -1;
 // target, so both are stored as "not requested", leaving the quantity to ALSA.
 int requestedFrameCount(int frames) { return frames > 0 ? frames : NotRequested; }
 
+// Each size is asked for in ms or in frames: the later request drops the other.
+void request(int* asked, int value, int* dropped)
+{
+    *asked = value;
+    *dropped = NotRequested;
+}
+
 // The frames asked for by a frames/ms pair: the frames when given, else the ms
 // at the negotiated rate; nothing when neither was asked for. A time below 0
 // asks for nothing too: converted, it would wrap to an absurd frame count.
@@ -69,40 +76,28 @@ AlsaOutputDevice::AlsaOutputDevice(const QString& deviceName, unsigned int sampl
 
 AlsaOutputDevice::~AlsaOutputDevice() { AlsaOutputDevice::close(Immediate); }
 
-void AlsaOutputDevice::setPeriodTimeMs(int ms)
-{
-    m_requestedPeriodTimeMs = ms;
-    m_requestedPeriodSize = NotRequested;
-}
+void AlsaOutputDevice::setPeriodTimeMs(int ms) { request(&m_requestedPeriodTimeMs, ms, &m_requestedPeriodSize); }
 
 void AlsaOutputDevice::setPeriodSize(int frames)
 {
-    m_requestedPeriodSize = requestedFrameCount(frames);
-    m_requestedPeriodTimeMs = NotRequested;
+    request(&m_requestedPeriodSize, requestedFrameCount(frames), &m_requestedPeriodTimeMs);
 }
 
-void AlsaOutputDevice::setBufferTimeMs(int ms)
-{
-    m_requestedBufferTimeMs = ms;
-    m_requestedBufferSize = NotRequested;
-}
+void AlsaOutputDevice::setBufferTimeMs(int ms) { request(&m_requestedBufferTimeMs, ms, &m_requestedBufferSize); }
 
 void AlsaOutputDevice::setBufferSize(int frames)
 {
-    m_requestedBufferSize = requestedFrameCount(frames);
-    m_requestedBufferTimeMs = NotRequested;
+    request(&m_requestedBufferSize, requestedFrameCount(frames), &m_requestedBufferTimeMs);
 }
 
 void AlsaOutputDevice::setStartThresholdMs(int ms)
 {
-    m_requestedStartThresholdMs = ms;
-    m_requestedStartThreshold = NotRequested;
+    request(&m_requestedStartThresholdMs, ms, &m_requestedStartThreshold);
 }
 
 void AlsaOutputDevice::setStartThreshold(int frames)
 {
-    m_requestedStartThreshold = requestedFrameCount(frames);
-    m_requestedStartThresholdMs = NotRequested;
+    request(&m_requestedStartThreshold, requestedFrameCount(frames), &m_requestedStartThresholdMs);
 }
 
 void AlsaOutputDevice::enableSamplerateNear() { m_samplerateNear = true; }
