@@ -2,7 +2,6 @@
 
 #include "AlsaPcmOpen_p.h"
 #include "AudioLog_p.h"
-#include "CleanupAction_p.h"
 #include "PcmFormat_p.h"
 
 #include <cerrno>
@@ -46,20 +45,14 @@ AlsaInputDevice::~AlsaInputDevice() { AlsaInputDevice::close(); }
 bool AlsaInputDevice::open()
 {
     QUIL_TRACE_ENTRY();
-    if (m_pcm) {
-        setErrorString(QString());
-        return true;
-    }
-
-    if (!quil::openPcm(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE, this))
+    const auto configure = [this] {
+        // Freed before a failed open closes the PCM again, on leaving this scope.
+        const quil::HwParams params = quil::startHwParams(m_pcm, m_format, this, "hw_params");
+        return params && setHwParams(params.get());
+    };
+    if (!quil::openConfigured(&m_pcm, m_deviceName, SND_PCM_STREAM_CAPTURE, this, configure,
+                              [this] { cleanupPcm(&m_pcm); }))
         return false;
-    quil::CleanupAction cleanup([this] { cleanupPcm(&m_pcm); });
-    // Freed before the cleanup closes the PCM, as it is declared after it.
-    const quil::HwParams params = quil::startHwParams(m_pcm, m_format, this, "hw_params");
-    if (!params || !setHwParams(params.get()))
-        return false;
-
-    cleanup.dismiss();
     setErrorString(QString());
     return true;
 }

@@ -2,7 +2,6 @@
 
 #include "AlsaPcmOpen_p.h"
 #include "AudioLog_p.h"
-#include "CleanupAction_p.h"
 #include "PcmFormat_p.h"
 
 #include <cerrno>
@@ -109,21 +108,18 @@ void AlsaOutputDevice::enableTstamp() { m_tstampEnabled = true; }
 bool AlsaOutputDevice::open()
 {
     QUIL_TRACE_ENTRY();
-    if (m_pcm) {
-        setErrorString(QString());
+    const auto configure = [this] {
+        if (!setHwParams())
+            return false;
+        LOG4CPLUS_TRACE(logger, "hw params set");
+        if (!setSwParams())
+            return false;
+        LOG4CPLUS_TRACE(logger, "sw params set");
         return true;
-    }
-
-    if (!quil::openPcm(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK, this))
+    };
+    if (!quil::openConfigured(&m_pcm, m_deviceName, SND_PCM_STREAM_PLAYBACK, this, configure,
+                              [this] { cleanupPcm(&m_pcm); }))
         return false;
-    quil::CleanupAction cleanup([this] { cleanupPcm(&m_pcm); });
-    if (!setHwParams())
-        return false;
-    LOG4CPLUS_TRACE(logger, "hw params set");
-    if (!setSwParams())
-        return false;
-    LOG4CPLUS_TRACE(logger, "sw params set");
-    cleanup.dismiss();
     setErrorString(QString());
     return true;
 }

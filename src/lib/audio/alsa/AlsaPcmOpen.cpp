@@ -1,6 +1,7 @@
 #include "AlsaPcmOpen_p.h"
 
 #include "AudioLog_p.h"
+#include "CleanupAction_p.h"
 #include "PcmFormat_p.h"
 
 #include <unistd.h>
@@ -27,6 +28,20 @@ bool openPcm(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, cons
                "Cannot open " << (capture ? "capture" : "playback") << " device '" << name
                               << "': " << snd_strerror(result));
     return false;
+}
+
+bool openConfigured(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner,
+                    const std::function<bool()>& configure, const std::function<void()>& close)
+{
+    if (*pcm)
+        return true;
+    if (!openPcm(pcm, name, stream, owner))
+        return false;
+    CleanupAction cleanup(close);
+    if (!configure())
+        return false;
+    cleanup.dismiss();
+    return true;
 }
 
 HwParams startHwParams(snd_pcm_t* pcm, snd_pcm_format_t format, const void* owner, const char* label)

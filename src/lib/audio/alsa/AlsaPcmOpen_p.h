@@ -4,6 +4,7 @@
 
 #include <alsa/asoundlib.h>
 
+#include <functional>
 #include <memory>
 
 // The steps of opening a PCM that capture and playback take alike. A failing
@@ -20,6 +21,11 @@ constexpr unsigned int PcmOpenRetryDelayUs = 250000;
 // Opens `name` in blocking mode into *pcm, retrying as above. After the last
 // attempt failed, *pcm is null and its code is the one reported.
 bool openPcm(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner);
+
+// A device's open(): a *pcm already open is kept as it is; otherwise `name` is
+// opened and set up by `configure`, and `close` undoes the open if that fails.
+bool openConfigured(snd_pcm_t** pcm, const QString& name, snd_pcm_stream_t stream, const void* owner,
+                    const std::function<bool()>& configure, const std::function<void()>& close);
 
 struct HwParamsFree {
     void operator()(snd_pcm_hw_params_t* params) const { snd_pcm_hw_params_free(params); }
