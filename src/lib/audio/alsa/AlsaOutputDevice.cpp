@@ -48,6 +48,17 @@ unsigned int msForFrames(snd_pcm_uframes_t frames, unsigned int sampleRate)
     return static_cast<unsigned int>(frames) * 1000u / sampleRate;
 }
 
+// ALSA's nearest value to the one asked for stands if it is that value or if
+// near values were enabled; otherwise the open fails on it.
+bool nearestAccepted(const void* owner, unsigned int nearest, unsigned int asked, bool nearEnabled,
+                     const char* quantity)
+{
+    if (nearest == asked || nearEnabled)
+        return true;
+    QUIL_ERROR(owner, 0, "Could not set " << quantity << " to: " << asked);
+    return false;
+}
+
 int64_t nanoseconds(const timespec& time) { return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec; }
 
 // Asks the stream itself: enableTstamp() after its open() leaves it on the wall clock.
@@ -140,12 +151,9 @@ bool AlsaOutputDevice::negotiateChannels(snd_pcm_hw_params_t* params)
 {
     m_channels = m_requestedChannels;
     if (QUIL_ALSA_FAILED(this, snd_pcm_hw_params_set_channels_near(m_pcm, params, &m_channels),
-                         "Cannot set channel count: "))
+                         "Cannot set channel count: ")
+        || !nearestAccepted(this, m_channels, m_requestedChannels, m_channelsNear, "channel count"))
         return false;
-    if (m_channels != m_requestedChannels && !m_channelsNear) {
-        QUIL_ERROR(this, 0, "Could not set channel count to: " << m_requestedChannels);
-        return false;
-    }
     LOG4CPLUS_TRACE(logger, "hwParams channels was set to: " << m_channels);
     return true;
 }
@@ -158,12 +166,9 @@ bool AlsaOutputDevice::negotiateRate(snd_pcm_hw_params_t* params)
     const int result = m_sampleRate <= static_cast<unsigned int>(std::numeric_limits<int>::max())
                            ? snd_pcm_hw_params_set_rate_near(m_pcm, params, &m_sampleRate, nullptr)
                            : -EINVAL;
-    if (QUIL_ALSA_FAILED(this, result, "Cannot set sample rate: "))
+    if (QUIL_ALSA_FAILED(this, result, "Cannot set sample rate: ")
+        || !nearestAccepted(this, m_sampleRate, m_requestedSampleRate, m_samplerateNear, "sample rate"))
         return false;
-    if (m_sampleRate != m_requestedSampleRate && !m_samplerateNear) {
-        QUIL_ERROR(this, 0, "Could not set sample rate to: " << m_requestedSampleRate);
-        return false;
-    }
     LOG4CPLUS_TRACE(logger, "hwParams rate set: " << m_sampleRate);
     return true;
 }
