@@ -5,11 +5,9 @@
 
 #include <cmath>
 #include <limits>
+#include <sstream>
 
 QUIL_AUDIO_DEFINE_LOGGER();
-
-// For the element's controls any result but 0 is a failure, positive ones
-// included; it is reported as the described action + " failed: " + the error text.
 
 namespace {
 
@@ -21,6 +19,19 @@ constexpr snd_mixer_selem_channel_id_t FirstChannel = SND_MIXER_SCHN_FRONT_LEFT;
 template <class Function> Function* side(AlsaElementMode mode, Function* playback, Function* capture)
 {
     return mode == 0 ? playback : capture;
+}
+
+// For the element's controls any result but 0 is a failure, positive ones included;
+// it is reported as action + name [+ " to: " + the value set] + " failed: " + the error text.
+template <class... Value>
+bool controlDone(const AlsaMixerElement* element, int result, const char* action, const Value&... set)
+{
+    if (result == 0)
+        return true;
+    std::ostringstream to;
+    ((to << " to: " << set), ...);
+    QUIL_ERROR(element, result, action << element->name() << to.str() << " failed: " << snd_strerror(result));
+    return false;
 }
 
 } // namespace
@@ -76,9 +87,7 @@ bool AlsaMixerElement::setDB(double dB, AlsaElementMode mode)
                                                                                 : static_cast<long>(hundredths);
     const int result =
         side(mode, snd_mixer_selem_set_playback_dB_all, snd_mixer_selem_set_capture_dB_all)(m_elem, value, -1);
-    if (result != 0)
-        QUIL_ERROR(this, result, "Set dB on: " << m_name << " to: " << dB << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Set dB on: ", dB);
 }
 
 bool AlsaMixerElement::getDB(double* dB, AlsaElementMode mode)
@@ -89,10 +98,8 @@ bool AlsaMixerElement::getDB(double* dB, AlsaElementMode mode)
     long value = 0;
     const int result =
         side(mode, snd_mixer_selem_get_playback_dB, snd_mixer_selem_get_capture_dB)(m_elem, FirstChannel, &value);
-    if (result != 0) {
-        QUIL_ERROR(this, result, "Get dB on: " << m_name << " failed: " << snd_strerror(result));
+    if (!controlDone(this, result, "Get dB on: "))
         return false;
-    }
     *dB = value / 100.0;
     return true;
 }
@@ -114,10 +121,7 @@ bool AlsaMixerElement::setVolume(long value, AlsaElementMode mode)
         return false;
     const int result =
         side(mode, snd_mixer_selem_set_playback_volume_all, snd_mixer_selem_set_capture_volume_all)(m_elem, value);
-    if (result != 0)
-        QUIL_ERROR(this, result,
-                   "Set volume on: " << m_name << " to: " << value << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Set volume on: ", value);
 }
 
 bool AlsaMixerElement::getVolume(long* value, AlsaElementMode mode)
@@ -127,9 +131,7 @@ bool AlsaMixerElement::getVolume(long* value, AlsaElementMode mode)
         return false;
     const int result = side(mode, snd_mixer_selem_get_playback_volume,
                             snd_mixer_selem_get_capture_volume)(m_elem, FirstChannel, value);
-    if (result != 0)
-        QUIL_ERROR(this, result, "Get volume on: " << m_name << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Get volume on: ");
 }
 
 bool AlsaMixerElement::getVolumeRange(long* min, long* max, AlsaElementMode mode)
@@ -139,9 +141,7 @@ bool AlsaMixerElement::getVolumeRange(long* min, long* max, AlsaElementMode mode
         return false;
     const int result = side(mode, snd_mixer_selem_get_playback_volume_range,
                             snd_mixer_selem_get_capture_volume_range)(m_elem, min, max);
-    if (result != 0)
-        QUIL_ERROR(this, result, "Get volume range on: " << m_name << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Get volume range on: ");
 }
 
 bool AlsaMixerElement::hasSwitch(AlsaElementMode mode)
@@ -159,9 +159,7 @@ bool AlsaMixerElement::setSwitch(bool on, AlsaElementMode mode)
         return false;
     const int result =
         side(mode, snd_mixer_selem_set_playback_switch_all, snd_mixer_selem_set_capture_switch_all)(m_elem, on ? 1 : 0);
-    if (result != 0)
-        QUIL_ERROR(this, result, "Set switch on: " << m_name << " to: " << on << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Set switch on: ", on);
 }
 
 bool AlsaMixerElement::getSwitch(bool* on, AlsaElementMode mode)
@@ -172,10 +170,8 @@ bool AlsaMixerElement::getSwitch(bool* on, AlsaElementMode mode)
     int value = 0;
     const int result = side(mode, snd_mixer_selem_get_playback_switch,
                             snd_mixer_selem_get_capture_switch)(m_elem, FirstChannel, &value);
-    if (result != 0) {
-        QUIL_ERROR(this, result, "Get switch: " << m_name << " failed: " << snd_strerror(result));
+    if (!controlDone(this, result, "Get switch: "))
         return false;
-    }
     *on = value == 1;
     return true;
 }
@@ -187,9 +183,7 @@ bool AlsaMixerElement::setEnum(unsigned int item)
     if (!isUsableLogged())
         return false;
     const int result = snd_mixer_selem_set_enum_item(m_elem, FirstChannel, item);
-    if (result != 0)
-        QUIL_ERROR(this, result, "Set Enum: " << m_name << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Set Enum: ");
 }
 
 bool AlsaMixerElement::getEnum(unsigned int* item)
@@ -197,9 +191,7 @@ bool AlsaMixerElement::getEnum(unsigned int* item)
     if (!isUsableLogged())
         return false;
     const int result = snd_mixer_selem_get_enum_item(m_elem, FirstChannel, item);
-    if (result != 0)
-        QUIL_ERROR(this, result, "Get Enum: " << m_name << " failed: " << snd_strerror(result));
-    return result == 0;
+    return controlDone(this, result, "Get Enum: ");
 }
 
 size_t AlsaMixerElement::getEnumSize()
@@ -220,10 +212,8 @@ bool AlsaMixerElement::getEnumItemName(unsigned int index, QString* name)
         return false;
     char buffer[100];
     const int result = snd_mixer_selem_get_enum_item_name(m_elem, index, sizeof buffer, buffer);
-    if (result != 0) {
-        QUIL_ERROR(this, result, "Get Enum item name: " << m_name << " failed: " << snd_strerror(result));
+    if (!controlDone(this, result, "Get Enum item name: "))
         return false;
-    }
     *name = QString::fromUtf8(buffer);
     return true;
 }
