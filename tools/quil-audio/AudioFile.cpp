@@ -207,35 +207,36 @@ sf_count_t AudioFile::readFrames(char* data, sf_count_t frames)
 bool AudioFile::write(const QByteArray& block)
 {
     const sf_count_t frames = block.size() / m_frameBytes;
-    const char* data = block.constData();
-    sf_count_t done = 0;
+    return writeFrames(block.constData(), frames) == frames || fail("write");
+}
+
+sf_count_t AudioFile::writeFrames(const char* data, sf_count_t frames)
+{
     switch (isRaw() ? SND_PCM_FORMAT_UNKNOWN : m_ioFormat) {
     case SND_PCM_FORMAT_UNKNOWN:
-        done = sf_write_raw(m_file, data, frames * m_frameBytes) / m_frameBytes;
-        break;
+        return sf_write_raw(m_file, data, frames * m_frameBytes) / m_frameBytes;
     case SND_PCM_FORMAT_S16:
-        done = sf_writef_short(m_file, reinterpret_cast<const short*>(data), frames);
-        break;
+        return sf_writef_short(m_file, reinterpret_cast<const short*>(data), frames);
     case SND_PCM_FORMAT_S32:
-        done = sf_writef_int(m_file, reinterpret_cast<const int*>(data), frames);
-        break;
+        return sf_writef_int(m_file, reinterpret_cast<const int*>(data), frames);
     case SND_PCM_FORMAT_FLOAT:
-        done = sf_writef_float(m_file, reinterpret_cast<const float*>(data), frames);
-        break;
+        return sf_writef_float(m_file, reinterpret_cast<const float*>(data), frames);
     case SND_PCM_FORMAT_FLOAT64:
-        done = sf_writef_double(m_file, reinterpret_cast<const double*>(data), frames);
-        break;
-    default: {
-        // 8 and 24-bit samples go to libsndfile as the top bits of 32-bit
-        // ones, which it stores back at their own width without loss.
-        const int sampleBytes = static_cast<int>(snd_pcm_format_size(m_ioFormat, 1));
-        std::vector<int> wide(static_cast<size_t>(frames * m_layout.channels));
-        for (size_t i = 0; i < wide.size(); ++i)
-            wide[i] = static_cast<int>(decodeSample(data + i * sampleBytes, m_ioFormat) * 2147483648.0);
-        done = sf_writef_int(m_file, wide.data(), frames);
+        return sf_writef_double(m_file, reinterpret_cast<const double*>(data), frames);
+    default:
+        return writeWidened(data, frames);
     }
-    }
-    return done == frames || fail("write");
+}
+
+// 8 and 24-bit samples go to libsndfile as the top bits of 32-bit ones, which
+// it stores back at their own width without loss.
+sf_count_t AudioFile::writeWidened(const char* data, sf_count_t frames)
+{
+    const int sampleBytes = static_cast<int>(snd_pcm_format_size(m_ioFormat, 1));
+    std::vector<int> wide(static_cast<size_t>(frames * m_layout.channels));
+    for (size_t i = 0; i < wide.size(); ++i)
+        wide[i] = static_cast<int>(decodeSample(data + i * sampleBytes, m_ioFormat) * 2147483648.0);
+    return sf_writef_int(m_file, wide.data(), frames);
 }
 
 bool AudioFile::close()

@@ -64,6 +64,8 @@ private:
     bool open(const QString& path, int mode, SF_INFO* info);
     bool fail(const char* action);
     sf_count_t readFrames(char* data, sf_count_t frames);
+    sf_count_t writeFrames(const char* data, sf_count_t frames);
+    sf_count_t writeWidened(const char* data, sf_count_t frames);
 
     QString m_path;
     int m_sfFormat = SF_FORMAT_RAW;
