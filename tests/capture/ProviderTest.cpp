@@ -1,6 +1,6 @@
-// Data transfers, and AudioInputDataProvider with its worker: delivery to the
-// live and time-shifted feeds, failing devices and teardown. The ring behind
-// the prefills is checked under load by stress_test.
+// AudioInputDataProvider with its worker: the order of delivery to the feeds,
+// and failing devices over real time. The call sequences and the data
+// transfers are fuzz_provider's; the ring under load is stress_test's.
 
 #include "AudioInputDataProvider.h"
 
@@ -14,56 +14,18 @@
 
 using namespace quiltest;
 
-TEST(DataTransfer, BufferedKeepsBlocksUntilReadOrHandledAndFinishIsFinal)
-{
-    CMBufferedDataTransfer buffered;
-    CMUnbufferedDataTransfer unbuffered;
-    for (CMDataTransfer* t : {static_cast<CMDataTransfer*>(&buffered), static_cast<CMDataTransfer*>(&unbuffered)})
-        t->dataAvailable("kept ");
-    buffered.dataAvailable("both");
-    EXPECT_EQ(buffered.readAll(), QByteArray("kept both"));
-    EXPECT_EQ(buffered.readAll(), QByteArray());
-    buffered.dataAvailable("early");
-    QByteArray handled;
-    buffered.onDataAvailable([&](const QByteArray& b) { handled += b; });
-    unbuffered.onDataAvailable([&](const QByteArray& b) { handled += b; });
-    unbuffered.dataAvailable("+live");
-    int finishes = 0;
-    buffered.onFinished([&](const CMError&) { ++finishes; });
-    buffered.finish(CMError());
-    buffered.finish(CMError());
-    buffered.dataAvailable("after");
-    buffered.onFinished([&](const CMError&) { finishes += 10; });   // late: runs at once
-    EXPECT_EQ(handled, QByteArray("early+live"));
-    EXPECT_EQ(finishes, 11);
-    EXPECT_TRUE(buffered.isFinished() && !unbuffered.isFinished());
-}
-
-TEST(Provider, EveryBlockReachesEachFeedAndStopFinishesThemAndClosesTheDevice)
+// Each block reaches the time-shifted feeds before the live one, read on the
+// worker thread "AudioInputT". Stop, destruction and finished feeds: fuzz_provider.
+TEST(Provider, EachBlockReachesTheTimeShiftedFeedsBeforeTheLiveOne)
 {
     ScriptedInputDevice device;
-    device.gated = true;
     auto provider = std::make_unique<AudioInputDataProvider>(&device, 100, 480);
-    FeedRecorder first(provider->liveFeedWithOffset(0));
-    FeedRecorder second(provider->liveFeedWithOffset(0));
-    FeedRecorder live(provider->liveFeed());
+    FeedRecorder first(provider->liveFeedWithOffset(0)), second(provider->liveFeedWithOffset(0)), live(provider->liveFeed());
     provider->start();
-    device.permit(3);
-    ASSERT_TRUE(waitUntil([&] { return live.blockCount() == 3; }));
-    EXPECT_TRUE(first.bytes() == device.frames(1, 3 * 480));
-    EXPECT_TRUE(second.bytes() == first.bytes() && live.bytes() == first.bytes());
-    for (int i = 0; i < 3; ++i)   // the time-shifted feeds first, then the live one
+    ASSERT_TRUE(waitUntil([&] { return live.blockCount() >= 3; }));
+    for (int i = 0; i < 3; ++i)
         EXPECT_LT(qMax(first.order().value(i), second.order().value(i)), live.order().value(i)) << i;
     EXPECT_TRUE(device.openedOnCaptureThread);
-    first.transfer().finish(CMError());   // its consumer is done: nothing more for it
-    provider->stop();
-    device.permit(1);
-    ASSERT_TRUE(waitUntil([&] { return live.isFinished() && second.isFinished(); }));
-    EXPECT_EQ(provider->captureStatus(), quil::CaptureStatus());   // stopped, no failure
-    EXPECT_EQ(first.blockCount(), 3);
-    EXPECT_EQ(second.blockCount(), 4);
-    EXPECT_EQ(device.closes, 1);
-    device.openGate();
     provider.reset();
     deleteFinishedThreadObjects();
 }
@@ -113,22 +75,4 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
     provider.start();
     ASSERT_TRUE(waitUntil([&] { return device.opens == 4; }));
     EXPECT_FALSE(live.isFinished());
-}
-
-// A stop() while a restart waits ends it at once: Stopped, feeds finished, the
-// device closed. Stop and destruction in the other states are fuzz_provider's.
-TEST(Provider, StopWhileRestartingEndsCaptureAtOnce)
-{
-    ScriptedInputDevice device;
-    device.failReads = true;
-    AudioInputDataProvider provider(&device, 100, 480);
-    FeedRecorder live(provider.liveFeed()), shifted(provider.liveFeedWithOffset(0));
-    provider.start();
-    ASSERT_TRUE(waitUntil([&] { return provider.captureStatus().state == quil::CaptureState::Restarting; }));
-    QElapsedTimer timer;
-    timer.start();
-    provider.stop();
-    ASSERT_TRUE(waitUntil([&] { return provider.captureStatus().state == quil::CaptureState::Stopped; }));
-    EXPECT_LE(timer.elapsed(), quiltest::scaledMs(100));
-    EXPECT_TRUE(live.isFinished() && shifted.isFinished() && device.closes == 1);
 }

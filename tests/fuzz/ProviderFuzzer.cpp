@@ -24,6 +24,7 @@ struct Feed {
     CMDataTransfer transfer;
     CMBufferedDataTransfer kept;
     quint32 previous = 0, last = 0, frames = 0;
+    bool finished = false; // by its consumer
 
     // Whether the bytes continue the feed: each counter frame follows the one
     // before; silence only before the provider's first frame, or anywhere once
@@ -113,9 +114,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             SETTLE(device.idle() || state() != State::Running);
             break;
         }
-        case 4:
-            feeds[input.ConsumeIntegralInRange<size_t>(0, feeds.size() - 1)].transfer.finish(CMError());
+        case 4: { // a consumer done with its feed is told so at once, however late it asks, and gets nothing more
+            Feed& feed = feeds[input.ConsumeIntegralInRange<size_t>(0, feeds.size() - 1)];
+            feed.transfer.finish(CMError());
+            bool told = false;
+            feed.transfer.onFinished([&told](const CMError&) { told = true; });
+            FUZZ_CHECK(told && feed.transfer.isFinished());
+            feed.finished = true;
             break;
+        }
         case 5:
             provider->setMuteState(input.ConsumeBool());
             mutedEver |= provider->isMuted();
@@ -134,7 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         FUZZ_CHECK(now.restartCount == device.failures && now.errorString == reason && now.errorCode == (*reason ? now.state == State::Stopped ? -ENODEV : -EIO : 0));
         for (Feed& feed : feeds) {
             const QByteArray bytes = feed.kept.readAll(); // the live feed's, all captured while muted or not
-            FUZZ_CHECK(feed.continuedBy(bytes, mutedEver, firstFrame));
+            FUZZ_CHECK(feed.continuedBy(bytes, mutedEver, firstFrame) && (!feed.finished || bytes.isEmpty()));
             FUZZ_CHECK(&feed != &feeds[0] || !provider->isMuted() || bytes.count('\0') == bytes.size());
         }
     }
