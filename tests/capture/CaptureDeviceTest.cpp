@@ -1,15 +1,13 @@
-// Capture devices: AlsaInputDevice reading known data through the file plugin
-// (injected failures where real ALSA cannot fail on demand), and
-// FileInputDevice pacing its blocks to real time.
+// AlsaInputDevice reading known data through the file plugin, with injected
+// failures where real ALSA cannot fail on demand. FileInputDevice, its
+// pacing included, is fuzz_file_input's.
 
 #include "AlsaInputDevice.h"
-#include "FileInputDevice.h"
 
 #include "AlsaTest.h"
 #include "LogCapture.h"
 #include "TestEnvironment.h"
 
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -179,36 +177,4 @@ TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasi
               "Cannot open capture device 'no_such_pcm': " + alsaText(-ENOENT));
     faults::arm("snd_pcm_open", -EBUSY, 3);   // the fourth try takes a busy device
     EXPECT_TRUE(AlsaInputDevice(pcm, 48000, 2, S16, 20, 100).open());
-}
-
-// Pacing by the sleeps asked for (hooked, not slept, so that no load on the
-// machine can break a bound): each block counts for the frames the file
-// supplied, the tail of the last one is zero-filled, zero blocks follow at
-// full length, and a reader that fell behind catches up without sleeping
-// until it is back in step.
-TEST_F(CaptureDeviceTest, FileDevicePacesBlocksAndGivesZerosAfterItsEnd)
-{
-    constexpr int Block = 24000 * 4;   // 500 ms of 48 kHz stereo S16
-    const QByteArray data = patternBytes(Block * 3 / 2), zeros(Block, '\0');
-    FileInputDevice device(48000, 2, S16);
-    ASSERT_TRUE(device.open());
-    ASSERT_TRUE(device.playFile(writeDataFile(QStringLiteral("file-input.raw"), data)));
-    struct Step { int frames, pauseMs; QByteArray expected; int minSleepMs, maxSleepMs; };
-    const Step steps[] = {{24000, 0, data.left(Block), 300, 500}, {24000, 0, data.mid(Block) + zeros.left(Block / 2), 50, 250},
-                          {24000, 0, zeros, 300, 500}, {4800, 250, zeros.left(4800 * 4), -1, -1},
-                          {4800, 0, zeros.left(4800 * 4), -1, -1}, {9600, 0, zeros.left(9600 * 4), 50, 150},
-                          {4800, 0, zeros.left(4800 * 4), 51, 100}};
-    QByteArray block;
-    for (const Step& step : steps) {
-        SCOPED_TRACE(&step - steps);
-        QThread::msleep(step.pauseMs);   // a slow reader
-        m_sleeps.clear();
-        ASSERT_TRUE(device.read(&block, step.frames));
-        EXPECT_TRUE(block == step.expected);
-        if (step.minSleepMs < 0)
-            EXPECT_TRUE(m_sleeps.isEmpty());
-        else
-            EXPECT_TRUE(m_sleeps.size() == 1 && m_sleeps.value(0) >= step.minSleepMs * 1000u
-                        && m_sleeps.value(0) <= step.maxSleepMs * 1000u) << m_sleeps.value(0);
-    }
 }

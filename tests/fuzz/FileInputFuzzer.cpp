@@ -7,16 +7,19 @@
 
 #include "FuzzSupport.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 
 #include <cerrno>
 #include <climits>
 #include <unistd.h>
 
-// Pacing sleeps are recorded instead of slept: an input costs no media time,
-// and no block may be paced longer than it lasts.
-static useconds_t lastSleepUs = 0;
-extern "C" int usleep(useconds_t us) { return lastSleepUs = us, 0; }
+// Pacing sleeps are recorded instead of slept: an input costs no media time.
+// A block is paced by the frames the file supplied (all of them once it has
+// none), less the time since the last block; the model below takes that time
+// from before the call that started it, so its sleeps are a lower bound.
+static uint64_t sleptUs = 0;
+extern "C" int usleep(useconds_t us) { return sleptUs += us, 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -36,25 +39,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     QByteArray current; // the file being read (none: zeros), and the model's position in it
     int position = 0;
+    bool fileOpen = false;
+    QElapsedTimer clock;
+    clock.start();
+    qint64 timerStartNs = 0, lagMs = 0;
     QByteArray block;
     for (int step = 0; step < 64 && input.remaining_bytes() > 0; ++step) {
         switch (input.ConsumeIntegralInRange(0, 3)) {
         case 0: // close() does nothing: the file stays where it was
             if (input.ConsumeBool())
                 device.close();
+            timerStartNs = clock.nsecsElapsed();
             FUZZ_CHECK(device.open() && device.isOpened() && device.errorString().isEmpty());
             break;
         case 1: {
             const int chosen = input.ConsumeBool();
             FUZZ_CHECK(device.playFile(quilfuzz::workFile(chosen == 0 ? "a.raw" : "b.raw")) && device.errorCode() == 0
                        && device.errorString().isEmpty());
-            current = files[chosen], position = 0;
+            current = files[chosen], position = 0, fileOpen = true;
             break;
         }
         case 2:
             FUZZ_CHECK(!device.playFile(quilfuzz::workFile("missing.raw")));
             FUZZ_CHECK(!device.errorString().isEmpty() && device.errorCode() == -ENOENT);
-            current.clear(), position = 0;
+            current.clear(), position = 0, fileOpen = false;
             break;
         default: {
             const int frames = input.ConsumeBool() ? input.ConsumeIntegralInRange(0, 2048)
@@ -62,7 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             const qint64 bytes = frames * frameBytes;
             if (bytes > (1 << 20) && bytes <= (qint64{1} << 31))
                 break; // valid, but too large to be cheap
-            lastSleepUs = 0;
+            sleptUs = 0;
+            const qint64 readStartNs = clock.nsecsElapsed();
             const bool read = device.read(&block, frames);
             if (rate <= 0 || bytes > (1 << 20)) {
                 FUZZ_CHECK(!read && !device.errorString().isEmpty() && device.errorCode() == 0);
@@ -71,7 +80,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             QByteArray expected = current.mid(position, static_cast<int>(bytes));
             expected.append(QByteArray(static_cast<int>(bytes) - expected.size(), '\0'));
             FUZZ_CHECK(read && block == expected);
-            FUZZ_CHECK(lastSleepUs <= 1e6 * frames / rate);
+            const qint64 supplied = fileOpen ? qBound<qint64>(0, current.size() - position, bytes) : bytes;
+            fileOpen = fileOpen && supplied == bytes;
+            const qint64 durationMs = 1000 * (frameBytes > 0 ? frames - (bytes - supplied) / frameBytes : frames) / rate;
+            const qint64 sinceMs = (clock.nsecsElapsed() - timerStartNs) / 1000000;
+            const qint64 minSleepMs = qMax<qint64>(0, durationMs - lagMs - sinceMs);
+            lagMs = minSleepMs > 0 ? 0 : lagMs + sinceMs - durationMs;
+            timerStartNs = readStartNs;
+            FUZZ_CHECK(sleptUs >= uint64_t(minSleepMs) * 1000 && sleptUs <= uint64_t(durationMs) * 1000);
             position += static_cast<int>(bytes);
         }
         }

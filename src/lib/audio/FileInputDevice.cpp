@@ -9,6 +9,10 @@
 
 QUIL_AUDIO_DEFINE_LOGGER();
 
+namespace {
+constexpr qint64 MaxSleepMs = 1000000;
+} // namespace
+
 FileInputDevice::FileInputDevice(int sampleRate, int channelCount, _snd_pcm_format format)
     : m_sampleRate(sampleRate)
     , m_channelCount(channelCount)
@@ -93,7 +97,9 @@ void FileInputDevice::pace(qint64 durationMs)
     if (m_lagMs < durationMs) {
         const qint64 sleepMs = durationMs - m_lagMs;
         LOG4CPLUS_TRACE(logger, "Simulating live feed by sleeping for " << sleepMs << " ms");
-        usleep(static_cast<useconds_t>(sleepMs * 1000));
+        // usleep() takes 32 bits of microseconds: a longer block sleeps in parts.
+        for (qint64 leftMs = sleepMs; leftMs > 0; leftMs -= MaxSleepMs)
+            usleep(static_cast<useconds_t>(qMin(leftMs, MaxSleepMs) * 1000));
         m_lagMs = 0;
     } else {
         m_lagMs -= durationMs;
