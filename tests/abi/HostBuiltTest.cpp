@@ -162,7 +162,7 @@ TEST(HostBuilt, LibraryConstructorsFitTheSizesTheHostAllocates)
     alignas(AlsaInputDevice) unsigned char storage[sizeof(AlsaInputDevice) + 64];
     std::memset(storage, 0xA5, sizeof storage);
     auto* device = new (storage) AlsaInputDevice(QStringLiteral("null"), 48000, 2u, SND_PCM_FORMAT_S16_LE, 20, 100);
-    EXPECT_TRUE(device->m_deviceName == QStringLiteral("null") && device->m_bufferTimeMs == 100);   // at its offsets
+    EXPECT_EQ(std::make_pair(device->m_deviceName.toStdString(), device->m_bufferTimeMs), std::make_pair(std::string("null"), 100));   // at its offsets
     ASSERT_TRUE(device->open());
     EXPECT_NE(device->m_pcm, nullptr);
     QByteArray block;

@@ -136,10 +136,11 @@ TEST_F(CaptureDeviceTest, AlsaReadErrorsAreRecoveredInPlaceOrClose)
     EXPECT_EQ(device.errorCode(), -ENODEV);
     EXPECT_TRUE(device.open());
     EXPECT_EQ(device.errorCode(), 0);
-    EXPECT_TRUE(!device.read(&block, 1 << 30) && device.errorCode() == 0 && device.isOpened());   // 4 GiB: refused
+    EXPECT_FALSE(device.read(&block, 1 << 30));   // 4 GiB: refused, with no ALSA error, and the device stays open
+    EXPECT_EQ(std::make_pair(device.errorCode(), device.isOpened()), std::make_pair(0, true));
 }
 
-TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasingAll)
+TEST_F(CaptureDeviceTest, AlsaOpenFailsAtEachFailingStepReleasingAll)
 {
     const QString pcm = knownDataPcm(patternBytes(4096));
     for (const char* step : {"snd_pcm_hw_params_malloc", "snd_pcm_hw_params_any", "snd_pcm_hw_params_set_access",
@@ -150,31 +151,38 @@ TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAndFailsAtEachFailingStepReleasi
         AlsaInputDevice device(pcm, 48000, 2, S16, 20, 100);
         expectOpenFailsCleanlyAt(device, step);
     }
-    // The failed allocation left nothing to free.
+    // The failed allocation left nothing to free (the balance check at the end starts afresh).
     EXPECT_EQ(faults::calls("snd_pcm_hw_params_malloc") - 1, faults::calls("snd_pcm_hw_params_free"));
-    SetUp();
-    // Parameters the PCM cannot honour; a negative rate must not reach ALSA
-    // as some four billion Hz, which plugins such as null accept.
+    faults::reset();
+}
+
+// Parameters the PCM cannot honour fail open, and a read then leaves the
+// buffer alone; a negative rate must not reach ALSA as some four billion Hz,
+// which plugins such as null accept.
+TEST_F(CaptureDeviceTest, AlsaOpenRefusesParametersThePcmCannotHonour)
+{
     struct Bad { QString name; int rate; unsigned channels; };
-    for (const Bad& b : {Bad{"mono_only", 48000, 2}, Bad{"null", -48000, 2}, Bad{"null", 0, 2}, Bad{pcm, 48000, 0}}) {
+    for (const Bad& b : {Bad{"mono_only", 48000, 2}, Bad{"null", -48000, 2}, Bad{"null", 0, 2}, Bad{"null", 48000, 0}}) {
         AlsaInputDevice device(b.name, b.rate, b.channels, S16, 20, 100);
-        EXPECT_FALSE(device.open());
+        EXPECT_FALSE(device.open()) << b.name.toStdString() << " " << b.rate << " Hz " << b.channels << " channels";
         QByteArray block("untouched");
         EXPECT_FALSE(device.read(&block, 64));
         EXPECT_EQ(block, QByteArray("untouched"));
     }
+    EXPECT_TRUE(AlsaInputDevice("null", 1, 2, S16, 20, 100).open());   // the lowest rate there is
     // ALSA settling on another channel count than the one set.
     faults::setHook<int(const snd_pcm_hw_params_t*, unsigned int*)>(
         "snd_pcm_hw_params_get_channels", [](const snd_pcm_hw_params_t*, unsigned int* channels) { return *channels = 1, 0; });
-    EXPECT_FALSE(AlsaInputDevice(pcm, 48000, 2, S16, 20, 100).open());
+    EXPECT_FALSE(AlsaInputDevice("null", 48000, 2, S16, 20, 100).open());
     EXPECT_EQ(m_log.errors().last(), "Could not set channel count to: 2");
-    SetUp();
-    EXPECT_TRUE(AlsaInputDevice("null", 1, 2, S16, 20, 100).open());   // the lowest rate there is
+}
+
+TEST_F(CaptureDeviceTest, AlsaOpenTriesFourTimesAQuarterSecondApartThenNamesTheDevice)
+{
     AlsaInputDevice missing("no_such_pcm", 48000, 2, S16, 20, 100);
     EXPECT_FALSE(missing.open());
-    EXPECT_EQ(m_sleeps.size(), 4);   // four tries a quarter second apart
-    EXPECT_EQ(m_log.errors().last(),
-              "Cannot open capture device 'no_such_pcm': " + alsaText(-ENOENT));
+    EXPECT_EQ(m_sleeps, (QList<useconds_t>{250000, 250000, 250000, 250000}));
+    EXPECT_EQ(m_log.errors().last(), "Cannot open capture device 'no_such_pcm': " + alsaText(-ENOENT));
     faults::arm("snd_pcm_open", -EBUSY, 3);   // the fourth try takes a busy device
-    EXPECT_TRUE(AlsaInputDevice(pcm, 48000, 2, S16, 20, 100).open());
+    EXPECT_TRUE(AlsaInputDevice(knownDataPcm(patternBytes(4096)), 48000, 2, S16, 20, 100).open());
 }

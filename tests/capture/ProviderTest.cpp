@@ -61,17 +61,13 @@ TEST(Provider, FailingDeviceRetriesReadsEvery2000MsAndOpensOncePerStart)
               (QStringList{"Error while reading the input device, restarting provider in 2000 ms",
                            "Error while reading the input device, restarting provider in 2000 ms",
                            "Unable to open audio input device: Scripted Device"}));
-    {
-        using State = quil::CaptureState;
-        std::lock_guard<std::mutex> lock(mutex);
-        QList<State> states;
-        for (const quil::CaptureStatus& status : statuses)
-            states << status.state;
-        EXPECT_EQ(states, (QList<State>{State::Running, State::Restarting, State::Running, State::Restarting, State::Stopped}));
-        const quil::CaptureStatus readFailed{State::Restarting, "Scripted read failure", -EIO, 1};
-        const quil::CaptureStatus openFailed{State::Stopped, "Scripted open failure", -ENODEV, 2};
-        EXPECT_TRUE(statuses.value(1) == readFailed && statuses.value(4) == openFailed && provider.captureStatus() == openFailed);
-    }
+    using State = quil::CaptureState;
+    const quil::CaptureStatus readFailed{State::Restarting, "Scripted read failure", -EIO, 1};
+    const quil::CaptureStatus openFailed{State::Stopped, "Scripted open failure", -ENODEV, 2};
+    const QList<quil::CaptureStatus> expected{{State::Running, {}, 0, 0}, readFailed, {State::Running, {}, 0, 1},
+                                              {State::Restarting, readFailed.errorString, -EIO, 2}, openFailed};
+    EXPECT_EQ(([&] { std::lock_guard<std::mutex> lock(mutex); return statuses; }()), expected);
+    EXPECT_EQ(provider.captureStatus(), openFailed);
     provider.start();
     ASSERT_TRUE(waitUntil([&] { return device.opens == 4; }));
     EXPECT_FALSE(live.isFinished());

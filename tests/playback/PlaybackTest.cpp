@@ -35,7 +35,7 @@ TEST_F(PlaybackTest, FileDeviceWritesRawBlocksAndStartsEmptyOnEveryOpen)
     EXPECT_EQ(device.write(second), Out::Written);
     EXPECT_EQ(device.errorString(), QString());
     device.close(Out::Drain);
-    EXPECT_TRUE(!device.isOpened() && fileContent(path) == first + second);
+    EXPECT_EQ(std::make_pair(device.isOpened(), fileContent(path)), std::make_pair(false, first + second));
     ASSERT_TRUE(device.open());
     device.close(Out::Immediate);
     EXPECT_EQ(fileContent(path), QByteArray());
@@ -51,6 +51,19 @@ TEST_F(PlaybackTest, ApproximatedRateFailsUnlessAllowed)
     ASSERT_TRUE(rate.open());
     EXPECT_EQ(rate.sampleRate(), 44100);
     EXPECT_EQ(rate.startThreshold(), 2205u);   // converted at the rate in force
+}
+
+// Of each pair of setters the later one counts: a frame count (none when 0 or
+// below) withdraws the milliseconds asked for before it, and milliseconds a
+// frame count. The reference device asks for no period and no threshold.
+TEST_F(PlaybackTest, TheLaterSetterOfEachPairCounts)
+{
+    AlsaOutputDevice reference(QStringLiteral("null"), 48000, 2, S16, -1, 60), device(QStringLiteral("null"), 48000, 2, S16, 20, 100);
+    device.setPeriodSize(0), device.setBufferSize(960), device.setBufferTimeMs(60), device.setStartThresholdMs(5), device.setStartThreshold(-1);
+    ASSERT_TRUE(reference.open());
+    ASSERT_TRUE(device.open());
+    EXPECT_EQ(std::make_tuple(device.periodSize(), device.bufferSize(), device.startThreshold()),
+              std::make_tuple(reference.periodSize(), 2880ul, reference.startThreshold()));
 }
 
 TEST_F(PlaybackTest, FramesReadyDelayAndClose)
@@ -78,7 +91,8 @@ TEST_F(PlaybackTest, FramesReadyDelayAndClose)
     faults::arm("snd_pcm_status", -EIO);
     EXPECT_EQ(device.delay(&ageUs), -1);
     EXPECT_EQ(device.errorCode(), -EIO);
-    EXPECT_TRUE(device.open() && device.errorCode() == 0);   // open() on an open device starts afresh
+    ASSERT_TRUE(device.open());   // on an open device: starts afresh
+    EXPECT_EQ(device.errorCode(), 0);
     for (auto mode : {Out::Drain, Out::Immediate}) {
         ASSERT_TRUE(device.open());
         device.close(mode);
@@ -120,16 +134,16 @@ TEST_F(PlaybackTest, DevicesListHintedPcmsCardsAndTheFormatsAPcmTakes)
         return pcm == pcms.end() ? AlsaDevices::Pcm{} : *pcm;
     };
     EXPECT_EQ(code, 0);
-    EXPECT_TRUE(find("mono_only").description == "One channel only" && find("mono_only").capture);
-    EXPECT_TRUE(find("only44k_plug").playback && !find("only44k_plug").capture);
+    EXPECT_EQ(std::make_pair(find("mono_only").description, find("mono_only").capture), std::make_pair(QString("One channel only"), true));
+    EXPECT_EQ(std::make_pair(find("only44k_plug").playback, find("only44k_plug").capture), std::make_pair(true, false));
     // No sound hardware here: cards 0 and 3 are faked, the second without a name.
     faults::setHook<int(int*)>("snd_card_next", [](int* i) { *i = *i < 0 ? 0 : *i == 0 ? 3 : -1; return 0; });
     faults::setHook<int(int, char**)>("snd_card_get_name", [](int i, char** t) { *t = i ? nullptr : strdup("Fake"); return i ? -ENOENT : 0; });
     faults::setHook<int(int, char**)>("snd_card_get_longname", [](int, char** t) { *t = strdup("Fake card"); return 0; });
     const QList<AlsaDevices::Card> cards = AlsaDevices::cards();
     ASSERT_EQ(cards.size(), 2);
-    EXPECT_TRUE(cards[0].device == "hw:0" && cards[0].name == "Fake" && cards[0].longName == "Fake card");
-    EXPECT_TRUE(cards[1].index == 3 && cards[1].name.isEmpty() && cards[1].longName == "Fake card");
+    EXPECT_EQ(std::make_tuple(cards[0].device, cards[0].name, cards[0].longName), std::make_tuple(QString("hw:0"), QString("Fake"), QString("Fake card")));
+    EXPECT_EQ(std::make_tuple(cards[1].index, cards[1].name, cards[1].longName), std::make_tuple(3, QString(), QString("Fake card")));
     EXPECT_EQ(AlsaDevices::formats("only44k", SND_PCM_STREAM_PLAYBACK), QVector<snd_pcm_format_t>{SND_PCM_FORMAT_S32_LE});
     EXPECT_TRUE(AlsaDevices::formats("nosuch", SND_PCM_STREAM_PLAYBACK, &code).isEmpty());
     EXPECT_LT(code, 0);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioInputDevice.h"
+#include "CaptureStatus.h"
 #include "CMDataTransfer.h"
 #include "TestEnvironment.h"
 
@@ -18,6 +19,13 @@
 #include <memory>
 #include <mutex>
 #include <pthread.h>
+
+namespace quil {
+inline void PrintTo(const CaptureStatus& s, std::ostream* os)
+{
+    *os << "{state " << int(s.state) << ", \"" << s.errorString.toStdString() << "\", " << s.errorCode << ", restarts " << s.restartCount << "}";
+}
+} // namespace quil
 
 namespace quiltest {
 

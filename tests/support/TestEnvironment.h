@@ -32,7 +32,7 @@ inline QByteArray fileContent(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
 }
 
-/// Bytes whose every position differs from its neighbours, so that a lost,
+/// Pseudo-random bytes (the seed picks the sequence), so that a lost,
 /// duplicated or shifted block shows in a comparison.
 inline QByteArray patternBytes(int size, int seed = 0)
 {
