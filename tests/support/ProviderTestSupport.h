@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <pthread.h>
 
 namespace quil {
