@@ -70,7 +70,6 @@ public:
     int channelCount() const override { return 2; }
     QString name() const override { return QStringLiteral("Scripted Device"); }
     void permit(int count) { permitted += count, m_permits.release(count); }
-    void openGate() { gated = false, m_permits.release(1 << 20); }
     // Takes back the permits no read used: the next read waits again.
     void withdrawPermits() { m_permits.acquire(m_permits.available()), permitted = reads.load(); }
     // Whether the reader waits at the gate for a permit.
@@ -85,7 +84,7 @@ public:
     }
 
     std::atomic<bool> failOpen{false}, failReads{false}, failNextRead{false}, openedOnCaptureThread{false};
-    std::atomic<bool> gated{false};   // set before start(): each read waits for a permit() until openGate()
+    std::atomic<bool> gated{false};   // set before start(): each read waits for a permit()
     QList<int> framesPerRead;   // cycled; empty: as many as asked for. Set before start().
     int rate = 48000;   // set before the provider is made
     std::atomic<int> opens{0}, closes{0}, reads{0}, deliveredFrames{0};   // reads: entered, waiting ones too
