@@ -3,6 +3,7 @@
 // transfers are fuzz_provider's; the ring under load is stress_test's.
 
 #include "AudioInputDataProvider.h"
+#include "FileInputDevice.h"
 
 #include "LogCapture.h"
 #include "ProviderTestSupport.h"
@@ -26,6 +27,16 @@ TEST(Provider, EachBlockReachesTheTimeShiftedFeedsBeforeTheLiveOne)
     for (int i = 0; i < 3; ++i)
         EXPECT_LT(qMax(first.order().value(i), second.order().value(i)), live.order().value(i)) << i;
     EXPECT_TRUE(device.openedOnCaptureThread);
+    provider.reset();
+    deleteFinishedThreadObjects();
+}
+
+// A device whose frames have no bytes (no channels) has no past to give.
+TEST(Provider, ADeviceOfEmptyFramesGivesAnEmptyPrefill)
+{
+    FileInputDevice device(48000, 0, SND_PCM_FORMAT_S16_LE);
+    auto provider = std::make_unique<AudioInputDataProvider>(&device, 100, 480);
+    EXPECT_EQ(provider->liveFeedWithOffset(50).readAll(), QByteArray());
     provider.reset();
     deleteFinishedThreadObjects();
 }
