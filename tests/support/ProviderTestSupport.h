@@ -42,10 +42,11 @@ public:
         char name[16] = {};
         pthread_getname_np(pthread_self(), name, sizeof name);
         openedOnCaptureThread = std::strcmp(name, "AudioInputT") == 0;
+        const bool fail = failOpen; // read once: a test may set it for the next open while this one runs
         ++opens;
-        setErrorString(failOpen ? QStringLiteral("Scripted open failure") : QString(), -ENODEV);
-        framesAtOpen = failOpen ? framesAtOpen.load() : deliveredFrames.load();
-        return m_opened = !failOpen;
+        setErrorString(fail ? QStringLiteral("Scripted open failure") : QString(), -ENODEV);
+        framesAtOpen = fail ? framesAtOpen.load() : deliveredFrames.load();
+        return m_opened = !fail;
     }
     void close() override { ++closes, m_opened = false; }
     bool isOpened() override { return m_opened; }
