@@ -84,14 +84,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     };
     create();
     for (int step = 0; step < 48 && input.remaining_bytes() > 0; ++step) {
-        const int opens = device.opens;
+        const int opens = device.opens, reads = device.reads;
         switch (input.ConsumeIntegralInRange(0, 7)) {
         case 0: // not while running: a second run would wait behind the first
             if (state() == State::Running)
                 break;
             device.failOpen = input.ConsumeIntegralInRange(0, 3) == 0;
             provider->start();
-            SETTLE(device.opens > opens && (state() == State::Stopped) == device.failOpen && (state() != State::Running || device.idle()));
+            // A read entered means the run reset its count: a Restarting left by the last run no longer shows.
+            SETTLE(device.opens > opens && (state() == State::Stopped) == device.failOpen && (device.failOpen || device.reads > reads) && (state() != State::Running || device.idle()));
             break;
         case 1:
             end(false);
